@@ -1,0 +1,41 @@
+/* The GUIDs that EDK II's build would generate for the firmware image. */
+#include <Uefi.h>
+#include <Guid/FileInfo.h>
+#include <Guid/FileSystemInfo.h>
+#include <Protocol/BlockIo.h>
+#include <Protocol/DevicePath.h>
+#include <Protocol/DevicePathToText.h>
+#include <Protocol/DevicePathFromText.h>
+#include <Protocol/DevicePathUtilities.h>
+#include <Protocol/GraphicsOutput.h>
+#include <Protocol/HiiFont.h>
+#include <Protocol/LoadedImage.h>
+#include <Protocol/SimpleFileSystem.h>
+#include <Protocol/SimpleTextOut.h>
+#include <Protocol/UgaDraw.h>
+#include <Guid/PcAnsi.h>
+
+EFI_GUID  gEfiFileInfoGuid                        = EFI_FILE_INFO_ID;
+EFI_GUID  gEfiFileSystemInfoGuid                  = EFI_FILE_SYSTEM_INFO_ID;
+EFI_GUID  gEfiBlockIoProtocolGuid                 = EFI_BLOCK_IO_PROTOCOL_GUID;
+EFI_GUID  gEfiDevicePathProtocolGuid              = EFI_DEVICE_PATH_PROTOCOL_GUID;
+EFI_GUID  gEfiDevicePathToTextProtocolGuid        = EFI_DEVICE_PATH_TO_TEXT_PROTOCOL_GUID;
+EFI_GUID  gEfiDevicePathFromTextProtocolGuid      = EFI_DEVICE_PATH_FROM_TEXT_PROTOCOL_GUID;
+EFI_GUID  gEfiDevicePathUtilitiesProtocolGuid     = EFI_DEVICE_PATH_UTILITIES_PROTOCOL_GUID;
+EFI_GUID  gEfiGraphicsOutputProtocolGuid          = EFI_GRAPHICS_OUTPUT_PROTOCOL_GUID;
+EFI_GUID  gEfiHiiFontProtocolGuid                 = EFI_HII_FONT_PROTOCOL_GUID;
+EFI_GUID  gEfiLoadedImageProtocolGuid             = EFI_LOADED_IMAGE_PROTOCOL_GUID;
+EFI_GUID  gEfiSimpleFileSystemProtocolGuid        = EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_GUID;
+EFI_GUID  gEfiSimpleTextOutProtocolGuid           = EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL_GUID;
+EFI_GUID  gEfiUgaDrawProtocolGuid                 = EFI_UGA_DRAW_PROTOCOL_GUID;
+EFI_GUID  gEfiVTUTF8Guid                          = EFI_VT_UTF8_GUID;
+EFI_GUID  gEfiVT100Guid                           = EFI_VT_100_GUID;
+EFI_GUID  gEfiVT100PlusGuid                       = EFI_VT_100_PLUS_GUID;
+EFI_GUID  gEfiPcAnsiGuid                          = EFI_PC_ANSI_GUID;
+EFI_GUID  gEfiUartDevicePathGuid                  = DEVICE_PATH_MESSAGING_UART_FLOW_CONTROL;
+EFI_GUID  gEfiSasDevicePathGuid                   = EFI_SAS_DEVICE_PATH_GUID;
+EFI_GUID  gEfiVirtualDiskGuid                     = EFI_VIRTUAL_DISK_GUID;
+EFI_GUID  gEfiVirtualCdGuid                       = EFI_VIRTUAL_CD_GUID;
+EFI_GUID  gEfiPersistentVirtualDiskGuid           = EFI_PERSISTENT_VIRTUAL_DISK_GUID;
+EFI_GUID  gEfiPersistentVirtualCdGuid             = EFI_PERSISTENT_VIRTUAL_CD_GUID;
+EFI_GUID  gEfiDebugPortProtocolGuid               = { 0xEBA4E8D2, 0x3858, 0x41EC, { 0xA2, 0x81, 0x26, 0x47, 0xBA, 0x96, 0x60, 0xD0 } };

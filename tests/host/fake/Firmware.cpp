@@ -1,0 +1,473 @@
+// Boot and runtime services, handle database, console, clock and pool of the fake.
+#include "Firmware.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace fake {
+namespace {
+
+Firmware *gCurrent = nullptr;
+
+std::map<void *, size_t> &Pool ()
+{
+  static std::map<void *, size_t> pool;
+  return pool;
+}
+
+bool SameGuid (const EFI_GUID &a, const EFI_GUID &b)
+{
+  return std::memcmp (&a, &b, sizeof (EFI_GUID)) == 0;
+}
+
+void *PoolAllocate (size_t size)
+{
+  if ((gCurrent != nullptr) && (gCurrent->faults.Check (Op::AllocatePool) != nullptr)) {
+    return nullptr;
+  }
+
+  void *p = std::malloc (size == 0 ? 1 : size);
+  Pool ()[p] = size;
+  return p;
+}
+
+void PoolFree (void *p)
+{
+  if (Pool ().erase (p) == 0) {
+    ADD_FAILURE () << "FreePool of a buffer the pool never handed out (or freed twice)";
+    return;
+  }
+
+  std::free (p);
+}
+
+// --- Boot services -------------------------------------------------------------
+
+EFI_STATUS EFIAPI BsAllocatePool (EFI_MEMORY_TYPE, UINTN size, VOID **buffer)
+{
+  *buffer = PoolAllocate (size);
+  return *buffer == nullptr ? EFI_OUT_OF_RESOURCES : EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI BsFreePool (VOID *buffer)
+{
+  PoolFree (buffer);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI BsHandleProtocol (EFI_HANDLE handle, EFI_GUID *guid, VOID **iface)
+{
+  Firmware &fw = Firmware::Current ();
+
+  if (iface == nullptr || guid == nullptr) {
+    return EFI_INVALID_PARAMETER;
+  }
+
+  *iface = nullptr;
+  if (const FaultRule *f = fw.faults.Check (Op::HandleProtocol)) {
+    return f->status;
+  }
+
+  void *found = fw.Find (handle, *guid);
+  if (found == nullptr) {
+    return EFI_UNSUPPORTED;
+  }
+
+  *iface = found;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI BsOpenProtocol (EFI_HANDLE handle, EFI_GUID *guid, VOID **iface, EFI_HANDLE, EFI_HANDLE, UINT32)
+{
+  Firmware &fw = Firmware::Current ();
+
+  if (iface != nullptr) {
+    *iface = nullptr;
+  }
+
+  if (const FaultRule *f = fw.faults.Check (Op::OpenProtocol)) {
+    return f->status;
+  }
+
+  void *found = fw.Find (handle, *guid);
+  if (found == nullptr) {
+    return EFI_UNSUPPORTED;
+  }
+
+  if (iface != nullptr) {
+    *iface = found;
+  }
+
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI BsCloseProtocol (EFI_HANDLE, EFI_GUID *, EFI_HANDLE, EFI_HANDLE)
+{
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI BsWaitForEvent (UINTN count, EFI_EVENT *, UINTN *index)
+{
+  Firmware &fw = Firmware::Current ();
+
+  fw.keyWaits++;
+  if (const FaultRule *f = fw.faults.Check (Op::WaitForEvent)) {
+    return f->status;
+  }
+
+  if (count != 1 || index == nullptr) {
+    return EFI_INVALID_PARAMETER;
+  }
+
+  *index = 0;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI BsStall (UINTN microseconds)
+{
+  Firmware::Current ().AdvanceMs (microseconds / 1000);
+  return EFI_SUCCESS;
+}
+
+// --- Runtime services ----------------------------------------------------------
+
+EFI_STATUS EFIAPI RtGetTime (EFI_TIME *time, EFI_TIME_CAPABILITIES *)
+{
+  Firmware &fw = Firmware::Current ();
+
+  if (const FaultRule *f = fw.faults.Check (Op::GetTime)) {
+    return f->status;
+  }
+
+  *time = fw.now;
+  return EFI_SUCCESS;
+}
+
+// --- Console -------------------------------------------------------------------
+
+EFI_STATUS EFIAPI ConOutString (EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL *, CHAR16 *text)
+{
+  Firmware::Current ().console += reinterpret_cast<const char16_t *>(text);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ConOutSetAttribute (EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL *self, UINTN attribute)
+{
+  Firmware::Current ().attributes.push_back (attribute);
+  self->Mode->Attribute = static_cast<INT32>(attribute);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ConInReadKey (EFI_SIMPLE_TEXT_INPUT_PROTOCOL *, EFI_INPUT_KEY *key)
+{
+  Firmware &fw = Firmware::Current ();
+
+  fw.keyReads++;
+  if (const FaultRule *f = fw.faults.Check (Op::ReadKeyStroke)) {
+    return f->status;
+  }
+
+  key->ScanCode    = 0;
+  key->UnicodeChar = u'\r';
+  return EFI_SUCCESS;
+}
+
+}  // namespace
+
+// --- Faults --------------------------------------------------------------------
+
+void Faults::Fail (Op op, EFI_STATUS status, unsigned nth, const std::string &path)
+{
+  rules_.push_back ({ op, status, nth, Effect::Fail, U16 (path) });
+}
+
+void Faults::Short (Op op, unsigned nth, const std::string &path)
+{
+  rules_.push_back ({ op, EFI_SUCCESS, nth, Effect::Short, U16 (path) });
+}
+
+void Faults::NoEffect (Op op, unsigned nth, const std::string &path)
+{
+  rules_.push_back ({ op, EFI_SUCCESS, nth, Effect::NoEffect, U16 (path) });
+}
+
+const FaultRule *Faults::Check (Op op, const std::u16string &path)
+{
+  calls_[op]++;
+  for (FaultRule &rule : rules_) {
+    if (rule.op != op || (!rule.path.empty () && path.find (rule.path) == std::u16string::npos)) {
+      continue;
+    }
+
+    rule.seen++;
+    if (rule.nth == 0 || rule.nth == rule.seen) {
+      return &rule;
+    }
+  }
+
+  return nullptr;
+}
+
+unsigned Faults::Calls (Op op) const
+{
+  auto it = calls_.find (op);
+  return it == calls_.end () ? 0 : it->second;
+}
+
+void Faults::Reset ()
+{
+  rules_.clear ();
+  calls_.clear ();
+}
+
+// --- Firmware ------------------------------------------------------------------
+
+Firmware::Firmware ()
+{
+  EXPECT_EQ (gCurrent, nullptr) << "one fake firmware at a time";
+  gCurrent = this;
+  counter  = counterStart;
+
+  std::memset (&st, 0, sizeof (st));
+  std::memset (&bs, 0, sizeof (bs));
+  std::memset (&rt, 0, sizeof (rt));
+  std::memset (&conOut, 0, sizeof (conOut));
+  std::memset (&conOutMode, 0, sizeof (conOutMode));
+  std::memset (&conIn, 0, sizeof (conIn));
+  std::memset (&loadedImage, 0, sizeof (loadedImage));
+  std::memset (&now, 0, sizeof (now));
+
+  bs.AllocatePool   = BsAllocatePool;
+  bs.FreePool       = BsFreePool;
+  bs.HandleProtocol = BsHandleProtocol;
+  bs.OpenProtocol   = BsOpenProtocol;
+  bs.CloseProtocol  = BsCloseProtocol;
+  bs.WaitForEvent   = BsWaitForEvent;
+  bs.Stall          = BsStall;
+  rt.GetTime        = RtGetTime;
+
+  conOutMode.Attribute  = EFI_LIGHTGRAY | EFI_BACKGROUND_BLACK;
+  conOut.Mode           = &conOutMode;
+  conOut.OutputString   = ConOutString;
+  conOut.SetAttribute   = ConOutSetAttribute;
+  conIn.ReadKeyStroke   = ConInReadKey;
+
+  st.ConOut          = &conOut;
+  st.ConIn           = &conIn;
+  st.BootServices    = &bs;
+  st.RuntimeServices = &rt;
+
+  now.Year     = 2026;
+  now.Month    = 11;
+  now.Day      = 23;
+  now.Hour     = 7;
+  now.Minute   = 5;
+  now.Second   = 9;
+  now.TimeZone = EFI_UNSPECIFIED_TIMEZONE;
+
+  image                    = NewHandle ();
+  loadedImage.Revision     = EFI_LOADED_IMAGE_PROTOCOL_REVISION;
+  loadedImage.ParentHandle = nullptr;
+  loadedImage.SystemTable  = &st;
+  Install (image, gEfiLoadedImageProtocolGuid, &loadedImage);
+
+  gImageHandle = image;
+  gST          = &st;
+  gBS          = &bs;
+  gRT          = &rt;
+}
+
+Firmware::~Firmware ()
+{
+  volumes.clear ();
+  gCurrent = nullptr;
+}
+
+Firmware &Firmware::Current ()
+{
+  if (gCurrent == nullptr) {
+    std::abort ();
+  }
+
+  return *gCurrent;
+}
+
+EFI_HANDLE Firmware::NewHandle ()
+{
+  EFI_HANDLE handle = reinterpret_cast<EFI_HANDLE>(nextHandle_);
+
+  nextHandle_ += 0x10;
+  handles_[handle];
+  order_.push_back (handle);
+  return handle;
+}
+
+void Firmware::Install (EFI_HANDLE handle, const EFI_GUID &guid, void *iface)
+{
+  handles_[handle].push_back ({ guid, iface });
+}
+
+void Firmware::Uninstall (EFI_HANDLE handle, const EFI_GUID &guid)
+{
+  auto &list = handles_[handle];
+  for (auto it = list.begin (); it != list.end (); ++it) {
+    if (SameGuid (it->first, guid)) {
+      list.erase (it);
+      return;
+    }
+  }
+}
+
+void *Firmware::Find (EFI_HANDLE handle, const EFI_GUID &guid) const
+{
+  auto it = handles_.find (handle);
+  if (it == handles_.end ()) {
+    return nullptr;
+  }
+
+  for (const auto &entry : it->second) {
+    if (SameGuid (entry.first, guid)) {
+      return entry.second;
+    }
+  }
+
+  return nullptr;
+}
+
+Volume &Firmware::AddVolume ()
+{
+  EFI_HANDLE handle = NewHandle ();
+
+  volumes.push_back (std::make_unique<Volume>(*this, handle));
+  Install (handle, gEfiSimpleFileSystemProtocolGuid, &volumes.back ()->sfs);
+  return *volumes.back ();
+}
+
+void Firmware::StartFrom (Volume &volume)
+{
+  loadedImage.DeviceHandle = volume.Handle ();
+}
+
+void Firmware::SetLoadOptions (const std::u16string &options)
+{
+  std::vector<uint8_t> bytes ((options.size () + 1) * 2);
+
+  std::memcpy (bytes.data (), options.c_str (), bytes.size ());
+  SetLoadOptionBytes (bytes);
+}
+
+void Firmware::SetLoadOptionBytes (const std::vector<uint8_t> &bytes)
+{
+  loadOptions_                 = bytes;
+  loadedImage.LoadOptions      = loadOptions_.empty () ? nullptr : loadOptions_.data ();
+  loadedImage.LoadOptionsSize  = static_cast<UINT32>(loadOptions_.size ());
+}
+
+void Firmware::AdvanceMs (uint64_t ms)
+{
+  uint64_t ticks = ms * (frequency / 1000);
+  counter = ticks > counter ? counterStart - (ticks - counter) : counter - ticks;
+}
+
+size_t Firmware::LivePool ()
+{
+  return Pool ().size ();
+}
+
+int Firmware::OpenHandles () const
+{
+  int total = 0;
+  for (const auto &v : volumes) {
+    total += v->OpenHandles ();
+  }
+
+  return total;
+}
+
+std::u16string U16 (const std::string &ascii)
+{
+  return std::u16string (ascii.begin (), ascii.end ());
+}
+
+std::string Narrow (const std::u16string &text)
+{
+  std::string out;
+  for (char16_t c : text) {
+    out += c < 0x80 ? static_cast<char>(c) : '?';
+  }
+
+  return out;
+}
+
+}  // namespace fake
+
+// --- Library stand-ins the firmware build links from MdePkg and UefiCpuPkg -------
+
+using fake::Firmware;
+
+extern "C" {
+
+VOID *EFIAPI AllocatePool (UINTN size) { return fake::PoolAllocate (size); }
+
+VOID *EFIAPI AllocateZeroPool (UINTN size)
+{
+  void *p = fake::PoolAllocate (size);
+  if (p != nullptr) {
+    std::memset (p, 0, size);
+  }
+
+  return p;
+}
+
+VOID *EFIAPI AllocateCopyPool (UINTN size, CONST VOID *source)
+{
+  void *p = fake::PoolAllocate (size);
+  if (p != nullptr) {
+    std::memcpy (p, source, size);
+  }
+
+  return p;
+}
+
+VOID *EFIAPI ReallocatePool (UINTN oldSize, UINTN newSize, VOID *old)
+{
+  void *p = AllocateZeroPool (newSize);
+  if (p != nullptr && old != nullptr) {
+    std::memcpy (p, old, oldSize < newSize ? oldSize : newSize);
+    fake::PoolFree (old);
+  }
+
+  return p;
+}
+
+VOID EFIAPI FreePool (VOID *buffer) { fake::PoolFree (buffer); }
+
+UINT64 EFIAPI GetPerformanceCounter (VOID) { return Firmware::Current ().counter; }
+
+UINT64 EFIAPI GetPerformanceCounterProperties (UINT64 *start, UINT64 *end)
+{
+  if (start != nullptr) {
+    *start = Firmware::Current ().counterStart;
+  }
+
+  if (end != nullptr) {
+    *end = 0;
+  }
+
+  return Firmware::Current ().frequency;
+}
+
+UINT64 EFIAPI GetTimeInNanoSecond (UINT64 ticks)
+{
+  return ticks * 1000000000ull / Firmware::Current ().frequency;
+}
+
+UINTN EFIAPI MicroSecondDelay (UINTN us) { Firmware::Current ().AdvanceMs (us / 1000); return us; }
+
+VOID EFIAPI ProcessLibraryConstructorList (EFI_HANDLE, EFI_SYSTEM_TABLE *) {}
+
+VOID EFIAPI ProcessLibraryDestructorList (EFI_HANDLE, EFI_SYSTEM_TABLE *) {}
+
+}  // extern "C"

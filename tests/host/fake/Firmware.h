@@ -1,0 +1,141 @@
+// A fake UEFI firmware for host tests: pool, handle database, console, clock and
+// in-memory volumes whose file protocol behaves like the firmware's FAT driver (and,
+// when asked, like drivers that refuse paths in a rename or mount read-only).
+// Every operation can be made to fail, come up short, or claim success without effect.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <Velmaro.h>
+
+namespace fake {
+
+enum class Op {
+  Open, Close, Delete, Read, Write, GetPosition, SetPosition, GetInfo, SetInfo, Flush,
+  OpenVolume, HandleProtocol, OpenProtocol, LocateHandleBuffer, LocateProtocol,
+  AllocatePool, GetTime, WaitForEvent, ReadKeyStroke, ReadBlocks
+};
+
+enum class Effect {
+  Fail,      // the call returns the rule's status and does nothing
+  Short,     // a Read or Write moves fewer bytes than it could, and says so
+  NoEffect   // the call reports success and changes nothing
+};
+
+struct FaultRule {
+  Op              op;
+  EFI_STATUS      status;
+  unsigned        nth;     // 1-based among matching calls; 0 means every call
+  Effect          effect;
+  std::u16string  path;    // only calls on a path containing this text match
+  unsigned        seen = 0;
+};
+
+class Faults {
+ public:
+  void Fail (Op op, EFI_STATUS status, unsigned nth = 0, const std::string &path = "");
+  void Short (Op op, unsigned nth = 0, const std::string &path = "");
+  void NoEffect (Op op, unsigned nth = 0, const std::string &path = "");
+  // Counts the call and returns the rule that fires for it, if any.
+  const FaultRule *Check (Op op, const std::u16string &path = u"");
+  unsigned Calls (Op op) const;
+  void Reset ();
+
+ private:
+  std::vector<FaultRule>  rules_;
+  std::map<Op, unsigned>  calls_;
+};
+
+struct Node;
+class Firmware;
+
+class Volume {
+ public:
+  Volume (Firmware &fw, EFI_HANDLE handle);
+  ~Volume ();
+
+  // Test-side view; paths use '\' or '/', names match without regard to ASCII case.
+  void Mkdir (const std::string &path);
+  void Put (const std::string &path, const std::string &bytes);
+  bool Exists (const std::string &path) const;
+  std::string Get (const std::string &path) const;
+  std::vector<std::string> List (const std::string &dir) const;   // names as stored
+  std::map<std::string, std::string> Snapshot () const;           // every path -> bytes ("<dir>" for folders)
+
+  EFI_HANDLE Handle () const { return handle_; }
+  int OpenHandles () const;
+
+  bool writeProtected = false;    // mounted read-only by its driver
+  bool rejectPathNames = false;   // SetInfo answers a path in FileName with EFI_INVALID_PARAMETER
+
+  EFI_SIMPLE_FILE_SYSTEM_PROTOCOL  sfs;
+  Firmware                         &fw;
+  std::shared_ptr<Node>            root;
+
+ private:
+  EFI_HANDLE  handle_;
+};
+
+class Firmware {
+ public:
+  Firmware ();
+  ~Firmware ();
+  Firmware (const Firmware &) = delete;
+  Firmware &operator= (const Firmware &) = delete;
+
+  static Firmware &Current ();
+
+  // Handle database.
+  EFI_HANDLE NewHandle ();
+  void Install (EFI_HANDLE handle, const EFI_GUID &guid, void *iface);
+  void Uninstall (EFI_HANDLE handle, const EFI_GUID &guid);
+  void *Find (EFI_HANDLE handle, const EFI_GUID &guid) const;
+
+  Volume &AddVolume ();
+  // The application image: started from this volume with these load options (UTF-16).
+  void StartFrom (Volume &volume);
+  void SetLoadOptions (const std::u16string &options);
+  void SetLoadOptionBytes (const std::vector<uint8_t> &bytes);
+
+  // Simulated clock: the local APIC counter counts down from counterStart.
+  void AdvanceMs (uint64_t ms);
+  uint64_t counter = 0;
+  uint64_t counterStart = 0xFFFFFFFFull;
+  uint64_t frequency    = 200000000ull;
+
+  // Pool accounting.
+  static size_t LivePool ();
+  int OpenHandles () const;   // file handles open on all volumes
+
+  Faults                     faults;
+  std::u16string             console;        // everything printed
+  std::vector<UINTN>         attributes;     // every SetAttribute
+  unsigned                   keyWaits = 0;
+  unsigned                   keyReads = 0;
+  EFI_TIME                   now;
+  EFI_HANDLE                 image;
+  EFI_LOADED_IMAGE_PROTOCOL  loadedImage;
+
+  EFI_SYSTEM_TABLE                 st;
+  EFI_BOOT_SERVICES                bs;
+  EFI_RUNTIME_SERVICES             rt;
+  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL  conOut;
+  EFI_SIMPLE_TEXT_OUTPUT_MODE      conOutMode;
+  EFI_SIMPLE_TEXT_INPUT_PROTOCOL   conIn;
+  std::vector<std::unique_ptr<Volume>> volumes;
+
+ private:
+  std::map<EFI_HANDLE, std::vector<std::pair<EFI_GUID, void *>>> handles_;
+  std::vector<EFI_HANDLE>   order_;
+  std::vector<uint8_t>      loadOptions_;
+  uintptr_t                 nextHandle_ = 0x1000;
+};
+
+std::u16string U16 (const std::string &ascii);
+std::string Narrow (const std::u16string &text);
+
+}  // namespace fake
