@@ -1,0 +1,30 @@
+# Velmaro: the two commands a newcomer needs are `make demo` and `make test`.
+# Each installs what is missing first (scripts/setup.sh is idempotent).
+
+HOST_BUILD := build/host
+
+.PHONY: all setup build host-test e2e test demo clean
+
+all: build
+
+setup:
+	@bash scripts/setup.sh
+
+build: setup
+	@bash scripts/build.sh
+
+host-test: setup
+	@cmake -S tests/host -B $(HOST_BUILD) -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	@cmake --build $(HOST_BUILD) -j$$(nproc) >/dev/null
+	@cd $(HOST_BUILD) && ctest --output-on-failure --timeout 60
+
+e2e: build
+	@python3 tests/e2e/smoke_test.py
+
+test: host-test e2e
+
+demo: build
+	@bash scripts/demo.sh
+
+clean:
+	rm -rf build
