@@ -15,7 +15,7 @@ build: setup
 
 host-test: setup
 	@cmake -S tests/host -B $(HOST_BUILD) -DCMAKE_BUILD_TYPE=Debug >/dev/null
-	@cmake --build $(HOST_BUILD) -j$$(nproc) >/dev/null
+	@cmake --build $(HOST_BUILD) -j$$(nproc) -- -s
 	@cd $(HOST_BUILD) && ctest --output-on-failure --timeout 60
 
 e2e: build
