@@ -729,6 +729,16 @@ void Volume::Put (const std::string &path, const std::string &bytes)
   file->data.assign (bytes.begin (), bytes.end ());
 }
 
+void Volume::Remove (const std::string &path)
+{
+  if (std::shared_ptr<Node> node = Walk (*this, path)) {
+    auto &kids = node->parent->kids;
+    kids.erase (std::remove (kids.begin (), kids.end (), node), kids.end ());
+    node->parent = nullptr;
+    node->gone   = true;
+  }
+}
+
 bool Volume::Exists (const std::string &path) const
 {
   return Walk (*this, path) != nullptr;

@@ -35,6 +35,12 @@ void *PoolAllocate (size_t size)
 
 void PoolFree (void *p)
 {
+  // The firmware's FreePool ignores null (UefiLib's Print frees its buffer even when
+  // allocating it failed).
+  if (p == nullptr) {
+    return;
+  }
+
   if (Pool ().erase (p) == 0) {
     ADD_FAILURE () << "FreePool of a buffer the pool never handed out (or freed twice)";
     return;

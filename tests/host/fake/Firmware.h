@@ -61,6 +61,7 @@ class Volume {
   // Test-side view; paths use '\' or '/', names match without regard to ASCII case.
   void Mkdir (const std::string &path);
   void Put (const std::string &path, const std::string &bytes);
+  void Remove (const std::string &path);
   bool Exists (const std::string &path) const;
   std::string Get (const std::string &path) const;
   std::vector<std::string> List (const std::string &dir) const;   // names as stored

@@ -1,0 +1,57 @@
+/** @file
+  The only ways Velmaro changes a stick: rename, move aside to ".bak", copy. A change
+  counts only when a freshly opened root shows it (or every chunk was written in full).
+**/
+
+#ifndef VELMARO_VERIFIED_CHANGE_H_
+#define VELMARO_VERIFIED_CHANGE_H_
+
+#include <Velmaro.h>
+
+/// Longest path that still has room for ".bak" in its 192-character buffer.
+#define BAK_PATH_MAX_CHARS   187
+#define BAK_PATH_CHARS       192
+/// Directory path, "\" and an entry name as stored on the volume.
+#define DIR_ENTRY_PATH_CHARS 224
+#define COPY_CHUNK_BYTES     4096
+
+/** EFI_SUCCESS only when, on a fresh root, Source is gone and Destination opens. A
+    path in FileName refused by the driver is retried with the leaf name (a rename
+    within the same folder). A failed rename is not undone. **/
+EFI_STATUS
+RenameVerified (
+  IN EFI_HANDLE         Volume,
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Source,
+  IN CONST CHAR16       *Destination
+  );
+
+/** Renames Path to Path + ".bak", first deleting (with proof) an older entry of that name. **/
+EFI_STATUS
+MoveAsideToBak (
+  IN EFI_HANDLE         Volume,
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Path
+  );
+
+/** Copies Source into Destination (created when missing, emptied when it exists) in
+    4096-byte chunks. A failed copy leaves a partial destination; callers prove content
+    by digest. **/
+EFI_STATUS
+CopyFileVerified (
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Source,
+  IN CONST CHAR16       *Destination
+  );
+
+/** Finds Name in Directory without regard to the case of a-z and gives back
+    Directory + "\" + the name as stored. **/
+EFI_STATUS
+FindDirEntryPath (
+  IN  EFI_FILE_PROTOCOL  *Root,
+  IN  CONST CHAR16       *Directory,
+  IN  CONST CHAR16       *Name,
+  OUT CHAR16             *Path
+  );
+
+#endif
