@@ -3,7 +3,7 @@
 
 HOST_BUILD := build/host
 
-.PHONY: all setup build host-test e2e test demo clean
+.PHONY: all setup build host-test e2e test demo bench clean
 
 all: build
 
@@ -25,6 +25,13 @@ test: host-test e2e
 
 demo: build
 	@bash scripts/demo.sh
+
+# Our MD5 against OpenSSL's and Md5OfFile through the fake firmware; prints figures,
+# fails only when digests disagree. The bench target builds itself at -O2.
+bench: setup
+	@cmake -S tests/host -B $(HOST_BUILD) >/dev/null
+	@cmake --build $(HOST_BUILD) --target md5_bench -j$$(nproc) >/dev/null
+	@$(HOST_BUILD)/md5_bench
 
 clean:
 	rm -rf build

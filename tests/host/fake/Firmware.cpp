@@ -76,6 +76,10 @@ EFI_STATUS EFIAPI BsHandleProtocol (EFI_HANDLE handle, EFI_GUID *guid, VOID **if
     return f->status;
   }
 
+  if (!fw.IsHandle (handle)) {
+    return EFI_INVALID_PARAMETER;
+  }
+
   void *found = fw.Find (handle, *guid);
   if (found == nullptr) {
     return EFI_UNSUPPORTED;
@@ -97,6 +101,10 @@ EFI_STATUS EFIAPI BsOpenProtocol (EFI_HANDLE handle, EFI_GUID *guid, VOID **ifac
     return f->status;
   }
 
+  if (!fw.IsHandle (handle)) {
+    return EFI_INVALID_PARAMETER;
+  }
+
   void *found = fw.Find (handle, *guid);
   if (found == nullptr) {
     return EFI_UNSUPPORTED;
@@ -106,6 +114,67 @@ EFI_STATUS EFIAPI BsOpenProtocol (EFI_HANDLE handle, EFI_GUID *guid, VOID **ifac
     *iface = found;
   }
 
+  return EFI_SUCCESS;
+}
+
+// The buffer comes from the pool: the caller frees it, as with the firmware's.
+EFI_STATUS EFIAPI BsLocateHandleBuffer (EFI_LOCATE_SEARCH_TYPE type, EFI_GUID *guid, VOID *, UINTN *count, EFI_HANDLE **buffer)
+{
+  Firmware &fw = Firmware::Current ();
+
+  if (count == nullptr || buffer == nullptr) {
+    return EFI_INVALID_PARAMETER;
+  }
+
+  *count  = 0;
+  *buffer = nullptr;
+  if (const FaultRule *f = fw.faults.Check (Op::LocateHandleBuffer)) {
+    return f->status;
+  }
+
+  // No protocol notifications are ever registered here, so ByRegisterNotify has no key to match.
+  if ((type != AllHandles && type != ByProtocol) || (type == ByProtocol && guid == nullptr)) {
+    return EFI_INVALID_PARAMETER;
+  }
+
+  std::vector<EFI_HANDLE> found = fw.HandlesWith (type == ByProtocol ? guid : nullptr);
+  if (found.empty ()) {
+    return EFI_NOT_FOUND;
+  }
+
+  *buffer = static_cast<EFI_HANDLE *>(PoolAllocate (found.size () * sizeof (EFI_HANDLE)));
+  if (*buffer == nullptr) {
+    return EFI_OUT_OF_RESOURCES;
+  }
+
+  std::memcpy (*buffer, found.data (), found.size () * sizeof (EFI_HANDLE));
+  *count = found.size ();
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI BsLocateProtocol (EFI_GUID *guid, VOID *, VOID **iface)
+{
+  Firmware &fw = Firmware::Current ();
+
+  if (iface == nullptr) {
+    return EFI_INVALID_PARAMETER;
+  }
+
+  *iface = nullptr;
+  if (const FaultRule *f = fw.faults.Check (Op::LocateProtocol)) {
+    return f->status;
+  }
+
+  if (guid == nullptr) {
+    return EFI_NOT_FOUND;
+  }
+
+  std::vector<EFI_HANDLE> found = fw.HandlesWith (guid);
+  if (found.empty ()) {
+    return EFI_NOT_FOUND;
+  }
+
+  *iface = fw.Find (found.front (), *guid);
   return EFI_SUCCESS;
 }
 
@@ -250,6 +319,8 @@ Firmware::Firmware ()
   bs.HandleProtocol = BsHandleProtocol;
   bs.OpenProtocol   = BsOpenProtocol;
   bs.CloseProtocol  = BsCloseProtocol;
+  bs.LocateHandleBuffer = BsLocateHandleBuffer;
+  bs.LocateProtocol     = BsLocateProtocol;
   bs.WaitForEvent   = BsWaitForEvent;
   bs.Stall          = BsStall;
   rt.GetTime        = RtGetTime;
@@ -340,6 +411,24 @@ void *Firmware::Find (EFI_HANDLE handle, const EFI_GUID &guid) const
   }
 
   return nullptr;
+}
+
+bool Firmware::IsHandle (EFI_HANDLE handle) const
+{
+  auto it = handles_.find (handle);
+  return it != handles_.end () && !it->second.empty ();
+}
+
+std::vector<EFI_HANDLE> Firmware::HandlesWith (const EFI_GUID *guid) const
+{
+  std::vector<EFI_HANDLE> found;
+  for (EFI_HANDLE handle : order_) {
+    if (guid == nullptr ? IsHandle (handle) : Find (handle, *guid) != nullptr) {
+      found.push_back (handle);
+    }
+  }
+
+  return found;
 }
 
 Volume &Firmware::AddVolume ()

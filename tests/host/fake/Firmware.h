@@ -4,6 +4,7 @@
 // Every operation can be made to fail, come up short, or claim success without effect.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -53,6 +54,16 @@ class Faults {
 struct Node;
 class Firmware;
 
+// A disk or partition behind EFI_BLOCK_IO_PROTOCOL, answering as a USB mass storage or
+// partition driver does. A test may clear media.MediaPresent or set proto.Media to null.
+struct BlockDevice {
+  EFI_HANDLE                              handle;
+  EFI_BLOCK_IO_PROTOCOL                   proto;
+  EFI_BLOCK_IO_MEDIA                      media;
+  std::vector<uint8_t>                    bytes;   // the first blocks; the rest of the medium reads as zeros
+  std::vector<std::pair<EFI_LBA, UINTN>>  reads;   // every ReadBlocks request: LBA, buffer size
+};
+
 class Volume {
  public:
   Volume (Firmware &fw, EFI_HANDLE handle);
@@ -95,6 +106,13 @@ class Firmware {
   void Install (EFI_HANDLE handle, const EFI_GUID &guid, void *iface);
   void Uninstall (EFI_HANDLE handle, const EFI_GUID &guid);
   void *Find (EFI_HANDLE handle, const EFI_GUID &guid) const;
+  bool IsHandle (EFI_HANDLE handle) const;   // holds at least one protocol, as a firmware handle does
+  std::vector<EFI_HANDLE> HandlesWith (const EFI_GUID *guid) const;   // creation order; null: every handle
+
+  // Block I/O and device path on any handle; a volume's handle takes those of its partition.
+  BlockDevice &AddBlockIo (EFI_HANDLE handle, const std::vector<uint8_t> &firstBlocks, UINT32 blockSize = 512,
+                           bool logicalPartition = true);
+  void SetDevicePath (EFI_HANDLE handle, std::vector<uint8_t> bytes);
 
   Volume &AddVolume ();
   // The application image: started from this volume with these load options (UTF-16).
@@ -128,13 +146,28 @@ class Firmware {
   EFI_SIMPLE_TEXT_OUTPUT_MODE      conOutMode;
   EFI_SIMPLE_TEXT_INPUT_PROTOCOL   conIn;
   std::vector<std::unique_ptr<Volume>> volumes;
+  std::vector<std::unique_ptr<BlockDevice>> blockDevices;
 
  private:
   std::map<EFI_HANDLE, std::vector<std::pair<EFI_GUID, void *>>> handles_;
   std::vector<EFI_HANDLE>   order_;
   std::vector<uint8_t>      loadOptions_;
+  std::map<EFI_HANDLE, std::vector<uint8_t>> devicePaths_;
   uintptr_t                 nextHandle_ = 0x1000;
 };
+
+// Device paths as a USB stick's partitions carry them: PciRoot(0)/Pci(0x14,0)/USB(port,0),
+// then a Hard Drive node and End.
+std::vector<uint8_t> UsbDiskPath (uint8_t port);
+std::vector<uint8_t> WithMbrPartition (const std::vector<uint8_t> &disk, uint32_t partitionNumber, uint32_t signature);
+std::vector<uint8_t> WithGptPartition (const std::vector<uint8_t> &disk, uint32_t partitionNumber,
+                                       const std::array<uint8_t, 16> &guid);
+
+// The first 4096 bytes of a small image formatted by the real tool at test time
+// ("fat32", "fat16", "ntfs", "exfat"; made once per process), and the UUID blkid reports
+// for that image. A missing tool fails the test.
+std::vector<uint8_t> BootSectorImage (const std::string &kind);
+std::string BlkidUuid (const std::string &kind);
 
 std::u16string U16 (const std::string &ascii);
 std::string Narrow (const std::u16string &text);

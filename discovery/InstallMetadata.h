@@ -1,0 +1,171 @@
+/** @file
+  What the installer left on the boot volume about the images it placed: \ZENTO\software.xml
+  (one software block per image) and \ZENTO\FS.txt (filesystem type per partition UUID).
+  Neither file is parsed as a document: the installer writes them with fixed spellings,
+  and the byte matches below are all we rely on. Every failure here is reported, never
+  fatal; callers decide what a missing answer means.
+**/
+
+#ifndef VELMARO_INSTALL_METADATA_H_
+#define VELMARO_INSTALL_METADATA_H_
+
+#include <Velmaro.h>
+#include "FsIdentification.h"
+
+#define SOFTWARE_XML_PATH  L16 (u"\\ZENTO\\software.xml")
+#define FS_TXT_PATH        L16 (u"\\ZENTO\\FS.txt")
+
+/// An element's raw text between its tags holds at most this many bytes minus one.
+#define XML_ELEMENT_BYTES  128
+
+///
+/// One software block: from its "<software" up to, not including, the "</software>"
+/// that closes it.
+///
+typedef struct {
+  CONST CHAR8    *Start;
+  CONST CHAR8    *End;
+} SOFTWARE_BLOCK;
+
+///
+/// A walk over the software blocks of one text. Each search for the next block starts
+/// just past the previous "<software", so a block written inside another is visited too.
+///
+typedef struct {
+  CONST CHAR8    *Next;
+  CONST CHAR8    *End;
+} SOFTWARE_BLOCK_WALK;
+
+// --- Matching rules ----------------------------------------------------------------
+
+/** The first position in [Start, End) at which Needle lies wholly inside the range;
+    null for an empty needle or a range shorter than it. **/
+CONST CHAR8 *
+FindInBuffer (
+  IN CONST CHAR8  *Start,
+  IN CONST CHAR8  *End,
+  IN CONST CHAR8  *Needle
+  );
+
+/** Starts a walk over Text, which ends at its first NUL. **/
+VOID
+BeginSoftwareBlocks (
+  OUT SOFTWARE_BLOCK_WALK  *Walk,
+  IN  CONST CHAR8          *Text
+  );
+
+/** EFI_SUCCESS with the next block; EFI_NOT_FOUND when there is none;
+    EFI_COMPROMISED_DATA for a "<software" that nothing closes. **/
+EFI_STATUS
+NextSoftwareBlock (
+  IN OUT SOFTWARE_BLOCK_WALK  *Walk,
+  OUT    SOFTWARE_BLOCK       *Block
+  );
+
+/** The text of the block's element Name, trimmed and widened into Destination
+    (Capacity characters, NUL included); Destination is empty on any failure.
+    EFI_NOT_FOUND: no "<Name>"; EFI_COMPROMISED_DATA: no "</Name>" after it;
+    EFI_BUFFER_TOO_SMALL: XML_ELEMENT_BYTES bytes or more between the tags, or more
+    than Destination holds. **/
+EFI_STATUS
+ReadXmlElement (
+  IN  CONST SOFTWARE_BLOCK  *Block,
+  IN  CONST CHAR8           *Name,
+  OUT CHAR16                *Destination,
+  IN  UINTN                 Capacity
+  );
+
+/** TRUE when the block's first ID=" attribute carries exactly GroupId. **/
+BOOLEAN
+SoftwareBlockHasId (
+  IN CONST SOFTWARE_BLOCK  *Block,
+  IN CONST CHAR8           *GroupId
+  );
+
+/** TRUE when the block's first Der=" value, closed inside the block, contains Needle. **/
+BOOLEAN
+DerContains (
+  IN CONST SOFTWARE_BLOCK  *Block,
+  IN CONST CHAR8           *Needle
+  );
+
+/** TRUE when the Der value names both "Windows" and "velmaro". **/
+BOOLEAN
+IsWindowsDerBlock (
+  IN CONST SOFTWARE_BLOCK  *Block
+  );
+
+/** TRUE when the image was written with its files on a second partition. **/
+BOOLEAN
+HasSecondPartitionFlag (
+  IN CONST SOFTWARE_BLOCK  *Block
+  );
+
+// --- Lookups -----------------------------------------------------------------------
+
+/** The source filesystem (Fs, VELMARO_FS_CHARS) and partition UUID (Uuid,
+    UUID_TEXT_CHARS) of the group's Windows image on a second partition.
+    EFI_NOT_FOUND when no image qualifies; a group whose image does not qualify keeps
+    the legacy FAT32 layout. **/
+EFI_STATUS
+LookupSourceMetadata (
+  IN  EFI_FILE_PROTOCOL  *Root,
+  IN  CONST CHAR8        *GroupId,
+  OUT CHAR16             *Fs,
+  OUT CHAR16             *Uuid
+  );
+
+/** Bcd, Src and Efi of the group's block (Efi without a leading "efi\" or "efi/").
+    The rest of *State is zeroed once the block is found; a failed element leaves the
+    ones read before it. **/
+EFI_STATUS
+LookupGroupNames (
+  IN  EFI_FILE_PROTOCOL  *Root,
+  IN  CONST CHAR8        *GroupId,
+  OUT GROUP_STATE        *State
+  );
+
+/** The BCD name (VELMARO_NAME_CHARS) of the Windows images whose BCD_MD5 is Digest.
+    EFI_NO_MAPPING when two of them name different BCD stores; Name is empty on every
+    failure. **/
+EFI_STATUS
+LookupBcdNameByMd5 (
+  IN  EFI_FILE_PROTOCOL  *Root,
+  IN  CONST CHAR16       *Digest,
+  OUT CHAR16             *Name
+  );
+
+/** The filesystem type FS.txt gives for the partition UUID, normalized, into Fs
+    (VELMARO_FS_CHARS). EFI_NOT_FOUND when no line names the UUID. **/
+EFI_STATUS
+LookupFsTxt (
+  IN  EFI_FILE_PROTOCOL  *Root,
+  IN  CONST CHAR16       *Uuid,
+  OUT CHAR16             *Fs
+  );
+
+/** Makes Fs (and Uuid, when given) the requested source of the run. Nothing changes
+    when Fs is missing or empty, or when either text does not fit its field. **/
+VOID
+ApplySourceMetadata (
+  IN OUT ACTIVATION_CONTEXT  *Context,
+  IN     CONST CHAR16        *Fs,
+  IN     CONST CHAR16        *Uuid OPTIONAL,
+  IN     CONST CHAR16        *SourceLabel OPTIONAL
+  );
+
+/** One log line on a volume: filesystem, partition number and UUID. **/
+VOID
+DescribeVolume (
+  IN CONST CHAR16  *Label,
+  IN EFI_HANDLE    BootHandle,
+  IN EFI_HANDLE    Volume
+  );
+
+VOID
+DumpGroupState (
+  IN CONST CHAR16       *Label,
+  IN CONST GROUP_STATE  *State
+  );
+
+#endif
