@@ -301,3 +301,38 @@ TEST_F (EfiBcdTest, NothingIsPlacedWithoutADigestOrACoherentStore)
 }
 
 }  // namespace
+
+namespace {
+
+// Whatever single firmware call fails, at whatever point of the check, repair or
+// normalisation: no group's data is lost and nothing leaks.
+TEST_F (BcdTest, AnySingleFailureLosesNothing)
+{
+  const Op ops[] = { Op::Open, Op::Read, Op::Write, Op::GetInfo, Op::SetInfo, Op::Delete, Op::Flush,
+                     Op::SetPosition, Op::OpenVolume, Op::AllocatePool, Op::ReadBlocks, Op::HandleProtocol };
+
+  for (Op op : ops) {
+    for (unsigned nth = 1; nth <= 12; ++nth) {
+      boot.Put ("\\boot\\BCD", stray);
+      boot.Put ("\\boot\\BCD_BAK", "older kept store");
+      boot.Put ("\\boot\\backup\\bcd_b.md5", Md5Hex (stray));
+      boot.Put ("\\boot\\bcd_b", storeB);
+      boot.Remove ("\\boot\\BCD.bak");
+      boot.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n");
+      std::memset (context.Requested.BcdMd5, 0, sizeof (context.Requested.BcdMd5));
+      const auto before = boot.Snapshot ();
+      const int  handles = fw.OpenHandles ();
+      const size_t pool  = fake::Firmware::LivePool ();
+
+      fw.faults.Reset ();
+      fw.faults.Fail (op, EFI_DEVICE_ERROR, nth);
+      Active ();
+      NormalizeBcdByMd5 (&context, boot.Handle (), root, L16 (u"\\boot\\bcd_b"));
+      ExpectNoGroupDataLost (before, boot, { "\\boot\\BCD_BAK" });
+      EXPECT_EQ (fw.OpenHandles (), handles) << static_cast<int>(op) << " #" << nth;
+      EXPECT_EQ (fake::Firmware::LivePool (), pool) << static_cast<int>(op) << " #" << nth;
+    }
+  }
+}
+
+}  // namespace
