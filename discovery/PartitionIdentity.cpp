@@ -216,11 +216,15 @@ SerialText32 (
   return StrCpyS (Uuid, Capacity, Text);
 }
 
+/** The "%04x-%04x" readers of FAT and exFAT differ only in their signature tests and line. **/
+STATIC
 EFI_STATUS
-ReadFat32Uuid (
-  IN  EFI_HANDLE  Partition,
-  OUT CHAR16      *Uuid,
-  IN  UINTN       Capacity
+ReadSerial32Uuid (
+  IN  EFI_HANDLE    Partition,
+  OUT CHAR16        *Uuid,
+  IN  UINTN         Capacity,
+  IN  UINT32        Tests,
+  IN  CONST CHAR16  *FoundMessage
   )
 {
   CONST BOOT_SIGNATURE  *Match;
@@ -232,7 +236,7 @@ ReadFat32Uuid (
     return Status;
   }
 
-  Status = ReadBootSignature (Partition, BOOT_TEST_FAT32 | BOOT_TEST_FAT, FALSE, &Serial, &Match);
+  Status = ReadBootSignature (Partition, Tests, FALSE, &Serial, &Match);
   if (EFI_ERROR (Status)) {
     return Status;
   }
@@ -243,8 +247,18 @@ ReadFat32Uuid (
     return Status;
   }
 
-  LogPrint (L16 (u"FAT32 partition found: UUID=%s\n"), Uuid);
+  LogPrint (FoundMessage, Uuid);
   return EFI_SUCCESS;
+}
+
+EFI_STATUS
+ReadFat32Uuid (
+  IN  EFI_HANDLE  Partition,
+  OUT CHAR16      *Uuid,
+  IN  UINTN       Capacity
+  )
+{
+  return ReadSerial32Uuid (Partition, Uuid, Capacity, BOOT_TEST_FAT32 | BOOT_TEST_FAT, L16 (u"FAT32 partition found: UUID=%s\n"));
 }
 
 EFI_STATUS
@@ -254,28 +268,7 @@ ReadExfatUuid (
   IN  UINTN       Capacity
   )
 {
-  CONST BOOT_SIGNATURE  *Match;
-  UINT64                Serial;
-  EFI_STATUS            Status;
-
-  Status = StartOutput (Partition == nullptr, Uuid, Capacity, FAT_UUID_CHARS);
-  if (EFI_ERROR (Status)) {
-    return Status;
-  }
-
-  Status = ReadBootSignature (Partition, BOOT_TEST_EXFAT, FALSE, &Serial, &Match);
-  if (EFI_ERROR (Status)) {
-    return Status;
-  }
-
-  Status = SerialText32 (static_cast<UINT32>(Serial), Uuid, Capacity);
-  if (EFI_ERROR (Status)) {
-    Uuid[0] = L'\0';
-    return Status;
-  }
-
-  LogPrint (L16 (u"exFAT partition found: UUID=%s\n"), Uuid);
-  return EFI_SUCCESS;
+  return ReadSerial32Uuid (Partition, Uuid, Capacity, BOOT_TEST_EXFAT, L16 (u"exFAT partition found: UUID=%s\n"));
 }
 
 EFI_STATUS
