@@ -1,48 +1,33 @@
 #include "Harness.h"
 
-using fake::Op;
-
 namespace {
 
-class LogTest : public HostTest {};
+using LogTest = HostTest;
 
-TEST_F (LogTest, FreshLogIsStampedUtf16WithCrLf)
-{
+TEST_F (LogTest, FreshLogIsStampedUtf16WithCrLf) {
   boot.Put ("\\velmaro_log.txt", std::string ("o\0l\0d\0", 6));
-
   EXPECT_EQ (InitLog (fw.image), EFI_SUCCESS);
   fw.AdvanceMs (7);
   LogPrint (W (u"Velmaro UEFI\n"));
-  CloseLog ();
-
-  EXPECT_EQ (
-    LogText (),
-    "[+00000000 ms] \r\n\r\n=== Velmaro log start ===\r\n"
-    "[+00000000 ms] Advanced diagnostics: disabled\r\n"
-    "[+00000000 ms] Data/ora firmware log: 2026-11-23 07:05:09 timezone=2047 daylight=0x0\r\n"
-    "[+00000007 ms] Velmaro UEFI\r\n"
-    "[+00000007 ms] === Velmaro log end ===\r\n"
-    );
+  EXPECT_EQ (Log (), "[+00000000 ms] \r\n\r\n=== Velmaro log start ===\r\n"
+                     "[+00000000 ms] Advanced diagnostics: disabled\r\n"
+                     "[+00000000 ms] Data/ora firmware log: 2026-11-23 07:05:09 timezone=2047 daylight=0x0\r\n"
+                     "[+00000007 ms] Velmaro UEFI\r\n"
+                     "[+00000007 ms] === Velmaro log end ===\r\n");
   EXPECT_FALSE (AdvancedDiagnostics);
-  EXPECT_NE (Console ().find ("  InitLog Delete(\\velmaro_log.txt): Success (0x0)\r\n"), std::string::npos);
-  EXPECT_NE (Console ().find ("[+00000007 ms] Velmaro UEFI\r\n"), std::string::npos);
-  // The InitLog lines reach the console only.
-  EXPECT_EQ (LogText ().find ("InitLog"), std::string::npos);
+  EXPECT_TRUE (Has (Console (), "  InitLog Delete(\\velmaro_log.txt): Success (0x0)\r\n"));
+  EXPECT_TRUE (Has (Console (), "[+00000007 ms] Velmaro UEFI\r\n"));
 }
 
-TEST_F (LogTest, MarkerFileSwitchesOnDiagnosticsAndMissingOldLogIsSilent)
-{
+TEST_F (LogTest, MarkerFileSwitchesOnDiagnosticsAndMissingOldLogIsSilent) {
   boot.Put ("\\boot\\VELMARO_DEBUG.LOG", "");
-
   EXPECT_EQ (InitLog (fw.image), EFI_SUCCESS);
   EXPECT_TRUE (AdvancedDiagnostics);
-  CloseLog ();
-  EXPECT_NE (LogText ().find ("] Advanced diagnostics: enabled by \\boot\\VELMARO_DEBUG.LOG\r\n"), std::string::npos);
-  EXPECT_EQ (Console ().find ("InitLog Delete"), std::string::npos);
+  EXPECT_TRUE (Has (Log (), "] Advanced diagnostics: enabled by \\boot\\VELMARO_DEBUG.LOG\r\n"));
+  EXPECT_FALSE (Has (Console (), "InitLog Delete"));
 }
 
-TEST_F (LogTest, StampCountsMillisecondsAndNeverGoesNegative)
-{
+TEST_F (LogTest, StampCountsMillisecondsAndNeverGoesNegative) {
   fw.frequency = 1000000;   // slow enough for two minutes in the 32-bit counter
   ASSERT_EQ (InitLog (fw.image), EFI_SUCCESS);
   fw.AdvanceMs (123456);
@@ -52,127 +37,101 @@ TEST_F (LogTest, StampCountsMillisecondsAndNeverGoesNegative)
   CloseLog ();
   LogPrint (W (u"c\n"));   // after the close: console only, 0 ms
 
-  std::string log = LogText ();
-  EXPECT_NE (log.find ("[+00123456 ms] a\r\n"), std::string::npos);
-  EXPECT_NE (log.find ("[+00000000 ms] b\r\n"), std::string::npos);
-  EXPECT_EQ (log.find ("] c"), std::string::npos);
-  EXPECT_NE (Console ().find ("[+00000000 ms] c\r\n"), std::string::npos);
+  const std::string log = LogText ();
+  EXPECT_TRUE (Has (log, "[+00123456 ms] a\r\n"));
+  EXPECT_TRUE (Has (log, "[+00000000 ms] b\r\n"));
+  EXPECT_FALSE (Has (log, "] c"));
+  EXPECT_TRUE (Has (Console (), "[+00000000 ms] c\r\n"));
 }
 
-TEST_F (LogTest, LongMessagesAreCutAndConsoleShowsFirst320Characters)
-{
-  std::u16string longText (2000, u'x');
-
+TEST_F (LogTest, LongMessagesAreCutAndConsoleShowsFirst320Characters) {
+  const std::u16string longText (2000, u'x');
   ASSERT_EQ (InitLog (fw.image), EFI_SUCCESS);
   fw.console.clear ();
   LogPrint (W (u"%s"), W (longText.c_str ()));
-  CloseLog ();
 
-  std::string expected = "[+00000000 ms] " + std::string (1023, 'x');
-  EXPECT_NE (LogText ().find (expected + "[+00000000 ms] === Velmaro log end"), std::string::npos);
+  const std::string expected = "[+00000000 ms] " + std::string (1023, 'x');
+  EXPECT_TRUE (Has (Log (), expected + "[+00000000 ms] === Velmaro log end"));
   EXPECT_EQ (Console ().substr (0, 320), expected.substr (0, 320));
-  EXPECT_EQ (Console ().find (std::string (321 - 15, 'x')), std::string::npos);
+  EXPECT_FALSE (Has (Console (), std::string (321 - 15, 'x')));
 }
 
-struct InitFailure {
-  const char   *name;
-  Op           op;
-  EFI_STATUS   status;
-  unsigned     nth;
-  const char   *path;
-  EFI_STATUS   result;
-  bool         logCreated;
-  const char   *consoleLine;
-};
+struct InitFailure { const char *name; fake::Fault fault; EFI_STATUS result; bool logCreated; const char *consoleLine; };
 
 class InitLogFailureTest : public LogTest, public ::testing::WithParamInterface<InitFailure> {};
 
-TEST_P (InitLogFailureTest, RunGoesOnWithWhatCouldBeOpened)
-{
+TEST_P (InitLogFailureTest, RunGoesOnWithWhatCouldBeOpened) {
   const InitFailure &c = GetParam ();
-
   boot.Put ("\\velmaro_log.txt", "");
-  fw.faults.Fail (c.op, c.status, c.nth, c.path);
+  fw.faults.Add (c.fault);
   EXPECT_EQ (InitLog (fw.image), c.result);
-  EXPECT_NE (Console ().find (c.consoleLine), std::string::npos) << Console ();
+  EXPECT_TRUE (Has (Console (), c.consoleLine));
   EXPECT_EQ (LogFile != nullptr, c.logCreated);
 
   fw.AdvanceMs (50);
   LogPrint (W (u"after\n"));
   if (c.logCreated) {
-    CloseLog ();
-    EXPECT_NE (LogText ().find ("[+00000050 ms] after\r\n"), std::string::npos);
+    EXPECT_TRUE (Has (Log (), "[+00000050 ms] after\r\n"));
   } else {
-    EXPECT_NE (Console ().find ("[+00000000 ms] after\r\n"), std::string::npos);
+    EXPECT_TRUE (Has (Console (), "[+00000000 ms] after\r\n"));
     EXPECT_EQ (boot.Get ("\\velmaro_log.txt"), "");
   }
 }
 
 INSTANTIATE_TEST_SUITE_P (
-  Rows,
-  InitLogFailureTest,
+  Rows, InitLogFailureTest,
   ::testing::Values (
-    InitFailure { "NoLoadedImage", Op::HandleProtocol, EFI_UNSUPPORTED, 1, "", EFI_UNSUPPORTED, false,
+    InitFailure { "NoLoadedImage", { Op::HandleProtocol, EFI_UNSUPPORTED, 1 }, EFI_UNSUPPORTED, false,
                   "  InitLog HandleProtocol(LoadedImage): Unsupported (0x8000000000000003)\r\n" },
-    InitFailure { "NoRoot", Op::OpenVolume, EFI_MEDIA_CHANGED, 1, "", EFI_MEDIA_CHANGED, false,
+    InitFailure { "NoRoot", { Op::OpenVolume, EFI_MEDIA_CHANGED, 1 }, EFI_MEDIA_CHANGED, false,
                   "  InitLog OpenRoot(app device): Media changed (0x800000000000000D)\r\n" },
-    InitFailure { "OldLogUnopenable", Op::Open, EFI_ACCESS_DENIED, 1, "velmaro_log", EFI_SUCCESS, true,
+    InitFailure { "OldLogUnopenable", { Op::Open, EFI_ACCESS_DENIED, 1, "velmaro_log" }, EFI_SUCCESS, true,
                   "  InitLog Delete(\\velmaro_log.txt) skipped: Access Denied (0x800000000000000F)\r\n" },
-    InitFailure { "CreateFails", Op::Open, EFI_VOLUME_FULL, 0, "velmaro_log", EFI_VOLUME_FULL, false,
+    InitFailure { "CreateFails", { Op::Open, EFI_VOLUME_FULL, 0, "velmaro_log" }, EFI_VOLUME_FULL, false,
                   "  InitLog Root->Open(\\velmaro_log.txt): Volume Full (0x800000000000000B)\r\n" },
-    InitFailure { "SetPositionFails", Op::SetPosition, EFI_DEVICE_ERROR, 1, "", EFI_DEVICE_ERROR, true,
+    InitFailure { "SetPositionFails", { Op::SetPosition, EFI_DEVICE_ERROR, 1 }, EFI_DEVICE_ERROR, true,
                   "  InitLog SetPosition(start): Device Error (0x8000000000000007)\r\n" }),
   [](const ::testing::TestParamInfo<InitFailure> &info) { return std::string (info.param.name); });
 
-TEST_F (LogTest, UndeletableOldLogIsOverwrittenFromItsStart)
-{
+TEST_F (LogTest, UndeletableOldLogIsOverwrittenFromItsStart) {
   boot.Put ("\\velmaro_log.txt", std::string (4000, 'Z'));
   fw.faults.Fail (Op::Delete, EFI_WARN_DELETE_FAILURE, 1);
-
   EXPECT_EQ (InitLog (fw.image), EFI_SUCCESS);
   CloseLog ();
-  EXPECT_NE (Console ().find ("  InitLog Delete(\\velmaro_log.txt): Warning Delete Failure (0x2)\r\n"), std::string::npos);
-  std::string bytes = boot.Get ("\\velmaro_log.txt");
+  EXPECT_TRUE (Has (Console (), "  InitLog Delete(\\velmaro_log.txt): Warning Delete Failure (0x2)\r\n"));
+  const std::string bytes = boot.Get ("\\velmaro_log.txt");
   EXPECT_EQ (bytes.substr (0, 4), std::string ("[\0+\0", 4));
   EXPECT_EQ (bytes.size (), 4000u);
   EXPECT_EQ (bytes.back (), 'Z');
 }
 
-TEST_F (LogTest, ClockFailureIsReportedAndLineWritesFailingAreSkipped)
-{
+TEST_F (LogTest, ClockFailureIsReportedAndLineWritesFailingAreSkipped) {
   fw.faults.Fail (Op::GetTime, EFI_DEVICE_ERROR);
   fw.faults.Fail (Op::Write, EFI_DEVICE_ERROR, 4);
-
   ASSERT_EQ (InitLog (fw.image), EFI_SUCCESS);
   LogPrint (W (u"lost\n"));
   LogPrint (W (u"kept\n"));
-  CloseLog ();
 
-  std::string log = LogText ();
-  EXPECT_NE (log.find ("] Data/ora firmware log non disponibile: Device Error (0x8000000000000007)\r\n"), std::string::npos);
-  EXPECT_EQ (log.find ("lost"), std::string::npos);
-  EXPECT_NE (log.find ("] kept\r\n"), std::string::npos);
-  EXPECT_NE (Console ().find ("] lost\r\n"), std::string::npos);
+  const std::string log = Log ();
+  EXPECT_TRUE (Has (log, "] Data/ora firmware log non disponibile: Device Error (0x8000000000000007)\r\n"));
+  EXPECT_FALSE (Has (log, "lost"));
+  EXPECT_TRUE (Has (log, "] kept\r\n"));
+  EXPECT_TRUE (Has (Console (), "] lost\r\n"));
 }
 
-TEST_F (LogTest, ReadOnlyWarningOnlyForWriteProtected)
-{
+TEST_F (LogTest, ReadOnlyWarningOnlyForWriteProtected) {
   ShowReadOnlyWarning (EFI_ACCESS_DENIED);
   ShowReadOnlyWarning (EFI_SUCCESS);
   EXPECT_TRUE (fw.attributes.empty ());
   EXPECT_TRUE (fw.console.empty ());
 
-  INT32 before = fw.conOutMode.Attribute;
+  const INT32 before = fw.conOutMode.Attribute;
   ShowReadOnlyWarning (EFI_WRITE_PROTECTED);
-  ASSERT_EQ (fw.attributes.size (), 2u);
-  EXPECT_EQ (fw.attributes[0], 0x0Cu);
-  EXPECT_EQ (fw.attributes[1], static_cast<UINTN>(before));
-  EXPECT_NE (
-    Console ().find (
-      "[+00000000 ms] \r\nWARNING: Velmaro has read-only access because the USB volume is marked dirty/write-protected.\r\n\r\n"
-      "Possible cause:\r\nthe USB drive was not safely ejected from the operating system.\r\n\r\n"
-      "Please reconnect the USB drive to the operating system and safely remove/eject it before booting again.\r\n"),
-    std::string::npos);
+  EXPECT_EQ (fw.attributes, (std::vector<UINTN>{ 0x0C, static_cast<UINTN>(before) }));
+  EXPECT_TRUE (Has (Console (),
+                    "[+00000000 ms] \r\nWARNING: Velmaro has read-only access because the USB volume is marked dirty/write-protected.\r\n\r\n"
+                    "Possible cause:\r\nthe USB drive was not safely ejected from the operating system.\r\n\r\n"
+                    "Please reconnect the USB drive to the operating system and safely remove/eject it before booting again.\r\n"));
 }
 
 }  // namespace

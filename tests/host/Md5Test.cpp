@@ -1,32 +1,17 @@
 #include "Harness.h"
 
-#include <fs/FileAccess.h>
-#include <fs/Md5.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <unistd.h>
-
-using fake::Op;
 
 namespace {
 
 const std::string kEmpty = "d41d8cd98f00b204e9800998ecf8427e";
 const std::string kAbc   = "900150983cd24fb0d6963f7d28e17f72";
 
-std::string Text (const CHAR16 *digest) { return fake::Narrow (reinterpret_cast<const char16_t *>(digest)); }
-
-void SetText (CHAR16 *field, const std::string &ascii)
-{
-  for (size_t i = 0; i <= ascii.size (); i++) {
-    field[i] = i < ascii.size () ? static_cast<unsigned char>(ascii[i]) : 0;
-  }
-}
-
 // Fed in uneven pieces, empty ones included, so that every path through the block
 // buffer is taken.
-std::string DigestInPieces (const std::string &bytes)
-{
+std::string DigestInPieces (const std::string &bytes) {
   static const size_t pieces[] = { 1, 63, 0, 64, 7, 130, 4096, 3, 65 };
   MD5_CTX             context;
   UINT8               digest[MD5_DIGEST_SIZE];
@@ -38,271 +23,184 @@ std::string DigestInPieces (const std::string &bytes)
     MD5Update (&context, bytes.data () + at, take);
     at += take;
   }
-
   MD5Final (digest, &context);
   Md5DigestToText (digest, text);
-  return Text (text);
+  return Str (text);
 }
 
-std::string PseudoRandom (size_t length)
-{
+std::string PseudoRandom (size_t length) {
   std::string bytes (length, '\0');
   uint32_t    x = 0x9e3779b9u ^ static_cast<uint32_t>(length);
   for (char &b : bytes) {
     x ^= x << 13, x ^= x >> 17, x ^= x << 5;
     b  = static_cast<char>(x >> 24);
   }
-
   return bytes;
 }
 
 // coreutils' md5sum over the same bytes: an implementation that is not ours.
-std::string SystemMd5 (const std::string &bytes)
-{
+std::string SystemMd5 (const std::string &bytes) {
   char path[] = "/tmp/velmaro-md5-XXXXXX";
   int  fd     = mkstemp (path);
   EXPECT_GE (fd, 0) << "cannot create a temporary file";
   EXPECT_EQ (write (fd, bytes.data (), bytes.size ()), static_cast<ssize_t>(bytes.size ()));
   close (fd);
-  std::string line;
+  char line[128] = {};
   if (FILE *pipe = popen (("md5sum " + std::string (path)).c_str (), "r")) {
-    char chunk[128];
-    while (fgets (chunk, sizeof (chunk), pipe) != nullptr) {
-      line += chunk;
-    }
-
+    EXPECT_NE (fgets (line, sizeof (line), pipe), nullptr);
     EXPECT_EQ (pclose (pipe), 0) << "md5sum failed";
   }
-
   unlink (path);
-  return line.substr (0, 32);
+  return std::string (line).substr (0, 32);
 }
 
 class Md5Test : public HostTest {
  protected:
-  EFI_FILE_PROTOCOL *root = nullptr;
-
-  void SetUp () override { ASSERT_EQ (OpenRoot (boot.Handle (), &root), EFI_SUCCESS); }
-
-  void TearDown () override
-  {
-    if (root != nullptr) {
-      root->Close (root);
-    }
-
-    HostTest::TearDown ();
-  }
+  void SetUp () override { OpenBoot (); }
 
   using Result = std::pair<EFI_STATUS, std::string>;
 
   // A digest reader run on an output holding "stale": its status and what it left there.
   template<typename F>
-  static Result Into (F &&reader)
-  {
+  static Result Into (F &&reader) {
     CHAR16 digest[VELMARO_MD5_CHARS];
-    SetText (digest, "stale");
+    SetField (digest, "stale");
     EFI_STATUS status = reader (digest);
-    return { status, Text (digest) };
+    return { status, Str (digest) };
   }
 
-  std::string OfFile (const std::string &bytes, EFI_STATUS expected = EFI_SUCCESS)
-  {
-    boot.Put ("\\boot\\data.bin", bytes);
-    Result result = Into ([&] (CHAR16 *d) { return Md5OfFile (root, W (u"\\boot\\data.bin"), d); });
-    EXPECT_EQ (result.first, expected);
-    return result.second;
-  }
+  Result OfFile (const char16_t *path) { return Into ([&](CHAR16 *d) { return Md5OfFile (root, W (path), d); }); }
 };
 
-TEST_F (Md5Test, RfcSuite)
-{
-  const std::pair<std::string, std::string> rows[] = {
-    { "", kEmpty },
-    { "a", "0cc175b9c0f1b6a831c399e269772661" },
-    { "abc", kAbc },
-    { "message digest", "f96b697d7cb7938d525a2f31aaf161d0" },
-    { "abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b" },
-    { "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789", "d174ab98d277d9f5a5611c2c9f419d9f" },
-    { "12345678901234567890123456789012345678901234567890123456789012345678901234567890", "57edf4a22be3c955ac49da2e2107b67a" },
-  };
-
-  for (const auto &row : rows) {
-    EXPECT_EQ (DigestInPieces (row.first), row.second) << row.first;
-    EXPECT_EQ (OfFile (row.first), row.second) << row.first;
-  }
-}
-
-TEST_F (Md5Test, AgreesWithMd5sumAroundBlockAndChunkEdges)
-{
+// Random bytes of lengths around the block and chunk edges, and the classic test texts.
+TEST_F (Md5Test, AgreesWithMd5sumAroundBlockAndChunkEdges) {
   ASSERT_EQ (std::system ("command -v md5sum >/dev/null 2>&1"), 0) << "md5sum (coreutils) is needed to check our digests";
-  const size_t lengths[] = { 0, 1, 55, 56, 57, 63, 64, 65, 119, 120, 127, 128, 129, 4095, 4096, 4097, 8192, 100000, 1u << 20 };
-
-  for (size_t length : lengths) {
-    const std::string bytes    = PseudoRandom (length);
-    const std::string expected = SystemMd5 (bytes);
-    ASSERT_EQ (expected.size (), 32u) << "no digest from md5sum for " << length << " bytes";
-    fw.faults.Reset ();
-    EXPECT_EQ (OfFile (bytes), expected) << length;
-    EXPECT_EQ (DigestInPieces (bytes), expected) << length;
-    // Whole chunks, the remainder, then the empty read that ends the file.
-    EXPECT_EQ (fw.faults.Calls (Op::Read), (length + MD5_READ_CHUNK - 1) / MD5_READ_CHUNK + 1) << length;
+  std::vector<std::string> inputs = { "", "a", "abc", "message digest", "abcdefghijklmnopqrstuvwxyz",
+                                      "12345678901234567890123456789012345678901234567890123456789012345678901234567890" };
+  for (size_t length : { 0, 1, 55, 56, 57, 63, 64, 65, 119, 120, 127, 128, 129, 4095, 4096, 4097, 8192, 100000, 1 << 20 }) {
+    inputs.push_back (PseudoRandom (length));
   }
+
+  for (const std::string &bytes : inputs) {
+    const std::string expected = SystemMd5 (bytes);
+    ASSERT_EQ (expected.size (), 32u) << "no digest from md5sum for " << bytes.size () << " bytes";
+    boot.Put ("\\boot\\data.bin", bytes);
+    fw.faults.Reset ();
+    EXPECT_EQ (OfFile (u"\\boot\\data.bin"), Result (EFI_SUCCESS, expected)) << bytes.size ();
+    EXPECT_EQ (DigestInPieces (bytes), expected) << bytes.size ();
+    // Whole chunks, the remainder, then the empty read that ends the file.
+    EXPECT_EQ (fw.faults.Calls (Op::Read), (bytes.size () + MD5_READ_CHUNK - 1) / MD5_READ_CHUNK + 1) << bytes.size ();
+  }
+  EXPECT_EQ (Md5Hex (""), kEmpty);
+  EXPECT_EQ (Md5Hex ("abc"), kAbc);
 }
 
-TEST_F (Md5Test, Md5OfFileFailuresLeaveOutputUntouched)
-{
-  const std::string bytes = PseudoRandom (2 * MD5_READ_CHUNK + 1);
-  const struct {
-    Op          op;
-    EFI_STATUS  status;
-    unsigned    nth;
-  } rows[] = {
-    { Op::Open, EFI_ACCESS_DENIED, 1 },
-    { Op::Read, EFI_DEVICE_ERROR, 1 },
-    { Op::Read, EFI_VOLUME_CORRUPTED, 3 },
-    { Op::Read, EFI_DEVICE_ERROR, 4 },   // the empty read at the end
+TEST_F (Md5Test, Md5OfFileFailuresLeaveOutputUntouched) {
+  const fake::Fault rows[] = {
+    { Op::Open, EFI_ACCESS_DENIED, 1, "data.bin" }, { Op::Read, EFI_DEVICE_ERROR, 1, "data.bin" },
+    { Op::Read, EFI_VOLUME_CORRUPTED, 3, "data.bin" },
+    { Op::Read, EFI_DEVICE_ERROR, 4, "data.bin" },   // the empty read at the end
   };
 
+  boot.Put ("\\boot\\data.bin", PseudoRandom (2 * MD5_READ_CHUNK + 1));
   for (const auto &row : rows) {
-    fw.faults.Reset ();
-    fw.faults.Fail (row.op, row.status, row.nth, "data.bin");
-    EXPECT_EQ (OfFile (bytes, row.status), "stale") << static_cast<int>(row.op) << " #" << row.nth;
+    fw.faults.Set (row);
+    EXPECT_EQ (OfFile (u"\\boot\\data.bin"), Result (row.status, "stale")) << static_cast<int>(row.op) << " #" << row.nth;
     EXPECT_EQ (fw.OpenHandles (), 1) << "only the test's root stays open";
   }
-
-  EXPECT_EQ (Into ([&] (CHAR16 *d) { return Md5OfFile (root, W (u"\\boot\\none.bin"), d); }), Result (EFI_NOT_FOUND, "stale"));
-  EXPECT_EQ (Into ([&] (CHAR16 *d) { return Md5OfFile (root, nullptr, d); }), Result (EFI_INVALID_PARAMETER, "stale"));
+  EXPECT_EQ (OfFile (u"\\boot\\none.bin"), Result (EFI_NOT_FOUND, "stale"));
+  EXPECT_EQ (Into ([&](CHAR16 *d) { return Md5OfFile (root, nullptr, d); }), Result (EFI_INVALID_PARAMETER, "stale"));
   EXPECT_EQ (Md5OfFile (root, W (u"\\boot\\data.bin"), nullptr), EFI_INVALID_PARAMETER);
 }
 
-TEST_F (Md5Test, ParseMd5TextTakesExactlyThirtyTwoDigits)
-{
+TEST_F (Md5Test, ParseMd5TextTakesExactlyThirtyTwoDigits) {
   const std::string digits = "0123456789abcdef0123456789ABCDEF";
   const std::string lower  = "0123456789abcdef0123456789abcdef";
-  const struct {
-    std::string  text;
-    EFI_STATUS   status;
-    std::string  digest;
-  } rows[] = {
-    { "D41D8CD98F00B204E9800998ECF8427E", EFI_SUCCESS, kEmpty },
-    { digits, EFI_SUCCESS, lower },
-    { "\t  \t" + digits, EFI_SUCCESS, lower },
-    { digits + "\r\n", EFI_SUCCESS, lower },
-    { digits + "\tx", EFI_SUCCESS, lower },
-    { digits + "  \\boot\\BCD", EFI_SUCCESS, lower },
-    { digits.substr (0, 31), EFI_COMPROMISED_DATA, "" },
-    { digits + "0", EFI_COMPROMISED_DATA, "" },
-    { digits + "|", EFI_COMPROMISED_DATA, "" },
-    { "\n" + digits, EFI_COMPROMISED_DATA, "" },
-    { "0123456789abcdeg0123456789abcdef", EFI_COMPROMISED_DATA, "" },
-    { "", EFI_COMPROMISED_DATA, "" },
+  const struct { std::string text; EFI_STATUS status; std::string digest; } rows[] = {
+    { "D41D8CD98F00B204E9800998ECF8427E", EFI_SUCCESS, kEmpty }, { digits, EFI_SUCCESS, lower },
+    { "\t  \t" + digits, EFI_SUCCESS, lower }, { digits + "\r\n", EFI_SUCCESS, lower }, { digits + "\tx", EFI_SUCCESS, lower },
+    { digits + "  \\boot\\BCD", EFI_SUCCESS, lower }, { digits.substr (0, 31), EFI_COMPROMISED_DATA, "" },
+    { digits + "0", EFI_COMPROMISED_DATA, "" }, { digits + "|", EFI_COMPROMISED_DATA, "" }, { "\n" + digits, EFI_COMPROMISED_DATA, "" },
+    { "0123456789abcdeg0123456789abcdef", EFI_COMPROMISED_DATA, "" }, { "", EFI_COMPROMISED_DATA, "" },
   };
-
   for (const auto &row : rows) {
-    EXPECT_EQ (Into ([&] (CHAR16 *d) { return ParseMd5Text (d, row.text.c_str ()); }), Result (row.status, row.digest)) << row.text;
+    EXPECT_EQ (Into ([&](CHAR16 *d) { return ParseMd5Text (d, A (row.text)); }), Result (row.status, row.digest)) << row.text;
   }
-
-  EXPECT_EQ (Into ([] (CHAR16 *d) { return ParseMd5Text (d, nullptr); }), Result (EFI_INVALID_PARAMETER, ""));
-  EXPECT_EQ (ParseMd5Text (nullptr, lower.c_str ()), EFI_INVALID_PARAMETER);
+  EXPECT_EQ (Into ([](CHAR16 *d) { return ParseMd5Text (d, nullptr); }), Result (EFI_INVALID_PARAMETER, ""));
+  EXPECT_EQ (ParseMd5Text (nullptr, A (lower)), EFI_INVALID_PARAMETER);
 }
 
-TEST_F (Md5Test, FindMd5ByKeyUsesTheFirstLineStartingWithKey)
-{
-  const std::string one = "11111111111111111111111111111111";
-  const std::string two = "2222222222222222222222222222222a";
-  const struct {
-    std::string  text;
-    const char   *key;
-    EFI_STATUS   status;
-    std::string  digest;
-  } rows[] = {
-    { "BCD:x\nBCD_MD5|" + one + "\n", "BCD_MD5|", EFI_SUCCESS, one },
-    { "\r\nA|1\r\nBCD_EFI_MD5|" + two + "\r\nBCD_MD5|" + one + "\r\n", "BCD_MD5|", EFI_SUCCESS, one },
-    { "\r\nA|1\r\nBCD_EFI_MD5|" + two + "\r\nBCD_MD5|" + one + "\r\n", "BCD_EFI_MD5|", EFI_SUCCESS, two },
-    { "BCD_MD5|" + one, "BCD_MD5|", EFI_SUCCESS, one },
+TEST_F (Md5Test, FindMd5ByKeyUsesTheFirstLineStartingWithKey) {
+  const std::string one = "11111111111111111111111111111111", two = "2222222222222222222222222222222a";
+  const std::string both = "\r\nA|1\r\nBCD_EFI_MD5|" + two + "\r\nBCD_MD5|" + one + "\r\n";
+  const struct { std::string text; const char *key; EFI_STATUS status; std::string digest; } rows[] = {
+    { "BCD:x\nBCD_MD5|" + one + "\n", "BCD_MD5|", EFI_SUCCESS, one }, { both, "BCD_MD5|", EFI_SUCCESS, one },
+    { both, "BCD_EFI_MD5|", EFI_SUCCESS, two }, { "BCD_MD5|" + one, "BCD_MD5|", EFI_SUCCESS, one },
     { "BCD_EFI_MD5|" + two + "\n", "BCD_MD5|", EFI_NOT_FOUND, "" },
     { "x BCD_MD5|" + one + "\n bcd_md5|" + one + "\nbcd_md5|" + one, "BCD_MD5|", EFI_NOT_FOUND, "" },
-    { "\r\n\r\nBCD_MD5", "BCD_MD5|", EFI_NOT_FOUND, "" },
-    { "", "BCD_MD5|", EFI_NOT_FOUND, "" },
+    { "\r\n\r\nBCD_MD5", "BCD_MD5|", EFI_NOT_FOUND, "" }, { "", "BCD_MD5|", EFI_NOT_FOUND, "" },
     { "BCD_MD5|" + one.substr (1) + "\nBCD_MD5|" + one + "\n", "BCD_MD5|", EFI_COMPROMISED_DATA, "" },
-    { "BCD_MD5|", "BCD_MD5|", EFI_COMPROMISED_DATA, "" },
-    { "BCD_MD5|" + one, "", EFI_INVALID_PARAMETER, "" },
+    { "BCD_MD5|", "BCD_MD5|", EFI_COMPROMISED_DATA, "" }, { "BCD_MD5|" + one, "", EFI_INVALID_PARAMETER, "" },
   };
-
   for (const auto &row : rows) {
-    EXPECT_EQ (Into ([&] (CHAR16 *d) { return FindMd5ByKey (d, row.text.c_str (), row.key); }), Result (row.status, row.digest))
+    EXPECT_EQ (Into ([&](CHAR16 *d) { return FindMd5ByKey (d, A (row.text), A (row.key)); }), Result (row.status, row.digest))
       << row.text << " / " << row.key;
   }
-
-  EXPECT_EQ (Into ([] (CHAR16 *d) { return FindMd5ByKey (d, nullptr, "BCD_MD5|"); }), Result (EFI_INVALID_PARAMETER, ""));
-  EXPECT_EQ (Into ([] (CHAR16 *d) { return FindMd5ByKey (d, "BCD_MD5|", nullptr); }), Result (EFI_INVALID_PARAMETER, ""));
+  EXPECT_EQ (Into ([](CHAR16 *d) { return FindMd5ByKey (d, nullptr, A ("BCD_MD5|")); }), Result (EFI_INVALID_PARAMETER, ""));
+  EXPECT_EQ (Into ([](CHAR16 *d) { return FindMd5ByKey (d, A ("BCD_MD5|"), nullptr); }), Result (EFI_INVALID_PARAMETER, ""));
 }
 
-TEST_F (Md5Test, ReadMd5FileLooksAtTheFirstSixtyThreeBytesOnly)
-{
-  const struct {
-    std::string  content;   // "<missing>": no file
-    EFI_STATUS   status;
-    std::string  digest;
-  } rows[] = {
-    { kAbc + "\r\n", EFI_SUCCESS, kAbc },
-    { kAbc + "  \\boot\\BCD\n", EFI_SUCCESS, kAbc },
-    { std::string (31, ' ') + kAbc, EFI_SUCCESS, kAbc },             // 63 bytes: all of it read
-    { std::string (32, ' ') + kAbc, EFI_COMPROMISED_DATA, "" },      // the last digit is not
-    { std::string (40, ' ') + kAbc, EFI_COMPROMISED_DATA, "" },
-    { kAbc + "|", EFI_COMPROMISED_DATA, "" },
-    { "<missing>", EFI_NOT_FOUND, "" },
+TEST_F (Md5Test, ReadMd5FileLooksAtTheFirstSixtyThreeBytesOnly) {
+  const std::pair<std::string, Result> rows[] = {
+    { kAbc + "\r\n", { EFI_SUCCESS, kAbc } }, { kAbc + "  \\boot\\BCD\n", { EFI_SUCCESS, kAbc } },
+    { std::string (31, ' ') + kAbc, { EFI_SUCCESS, kAbc } },            // 63 bytes: all of it read
+    { std::string (32, ' ') + kAbc, { EFI_COMPROMISED_DATA, "" } },     // the last digit is not
+    { std::string (40, ' ') + kAbc, { EFI_COMPROMISED_DATA, "" } }, { kAbc + "|", { EFI_COMPROMISED_DATA, "" } },
   };
+  auto read = [&](const char16_t *path) { return Into ([&](CHAR16 *d) { return ReadMd5File (root, W (path), d); }); };
 
-  for (const auto &row : rows) {
-    const bool missing = row.content == "<missing>";
-    if (!missing) {
-      boot.Put ("\\boot\\BCD.md5", row.content);
-    }
-
-    const CHAR16 *path = W (missing ? u"\\boot\\none.md5" : u"\\boot\\BCD.md5");
-    EXPECT_EQ (Into ([&] (CHAR16 *d) { return ReadMd5File (root, path, d); }), Result (row.status, row.digest)) << row.content;
+  for (const auto &[content, result] : rows) {
+    boot.Put ("\\boot\\BCD.md5", content);
+    EXPECT_EQ (read (u"\\boot\\BCD.md5"), result) << content;
   }
-
+  EXPECT_EQ (read (u"\\boot\\none.md5"), Result (EFI_NOT_FOUND, ""));
+  EXPECT_EQ (read (nullptr), Result (EFI_INVALID_PARAMETER, ""));
   fw.faults.Fail (Op::Read, EFI_DEVICE_ERROR, 1);
-  EXPECT_EQ (Into ([&] (CHAR16 *d) { return ReadMd5File (root, W (u"\\boot\\BCD.md5"), d); }), Result (EFI_DEVICE_ERROR, ""));
-  EXPECT_EQ (Into ([&] (CHAR16 *d) { return ReadMd5File (root, nullptr, d); }), Result (EFI_INVALID_PARAMETER, ""));
+  EXPECT_EQ (read (u"\\boot\\BCD.md5"), Result (EFI_DEVICE_ERROR, ""));
 }
 
-TEST_F (Md5Test, StateDigestsCountWithExactlyThirtyTwoCharacters)
-{
+TEST_F (Md5Test, StateDigestsCountWithExactlyThirtyTwoCharacters) {
   GROUP_STATE state = {};
-
   EXPECT_FALSE (HasBcdMd5 (nullptr));
   EXPECT_FALSE (HasBcdEfiMd5 (nullptr));
   EXPECT_FALSE (HasBcdMd5 (&state));
-  SetText (state.BcdMd5, kAbc.substr (1));
-  SetText (state.BcdEfiMd5, kAbc.substr (1));
+  SetField (state.BcdMd5, kAbc.substr (1));
+  SetField (state.BcdEfiMd5, kAbc.substr (1));
   EXPECT_FALSE (HasBcdMd5 (&state));
   EXPECT_FALSE (HasBcdEfiMd5 (&state));
-  SetText (state.BcdMd5, kAbc);
+  SetField (state.BcdMd5, kAbc);
   EXPECT_TRUE (HasBcdMd5 (&state));
   EXPECT_FALSE (HasBcdEfiMd5 (&state));
-  SetText (state.BcdEfiMd5, kEmpty);
+  SetField (state.BcdEfiMd5, kEmpty);
   EXPECT_TRUE (HasBcdEfiMd5 (&state));
 }
 
-TEST_F (Md5Test, FileMatchesBcdMd5ComparesTheWholeDigest)
-{
+TEST_F (Md5Test, FileMatchesBcdMd5ComparesTheWholeDigest) {
   GROUP_STATE state = {};
+  auto        match = [&](EFI_FILE_PROTOCOL *r, const char16_t *path, GROUP_STATE *s) { return FileMatchesBcdMd5 (r, W (path), s); };
 
   boot.Put ("\\boot\\BCD", "abc");
-  EXPECT_EQ (FileMatchesBcdMd5 (root, W (u"\\boot\\BCD"), &state), EFI_NOT_FOUND);
+  EXPECT_EQ (match (root, u"\\boot\\BCD", &state), EFI_NOT_FOUND);
   EXPECT_EQ (fw.faults.Calls (Op::Open), 0u) << "nothing to compare with, nothing to read";
-  SetText (state.BcdMd5, kAbc);
-  EXPECT_EQ (FileMatchesBcdMd5 (root, W (u"\\boot\\BCD"), &state), EFI_SUCCESS);
-  SetText (state.BcdMd5, kAbc.substr (0, 31) + "3");
-  EXPECT_EQ (FileMatchesBcdMd5 (root, W (u"\\boot\\BCD"), &state), EFI_COMPROMISED_DATA);
+  SetField (state.BcdMd5, kAbc);
+  EXPECT_EQ (match (root, u"\\boot\\BCD", &state), EFI_SUCCESS);
+  SetField (state.BcdMd5, kAbc.substr (0, 31) + "3");
+  EXPECT_EQ (match (root, u"\\boot\\BCD", &state), EFI_COMPROMISED_DATA);
   fw.faults.Fail (Op::Read, EFI_DEVICE_ERROR, 1);
-  EXPECT_EQ (FileMatchesBcdMd5 (root, W (u"\\boot\\BCD"), &state), EFI_DEVICE_ERROR);
-  EXPECT_EQ (FileMatchesBcdMd5 (root, W (u"\\boot\\none"), &state), EFI_NOT_FOUND);
-  EXPECT_EQ (FileMatchesBcdMd5 (nullptr, W (u"\\boot\\BCD"), &state), EFI_INVALID_PARAMETER);
-  EXPECT_EQ (FileMatchesBcdMd5 (root, W (u"\\boot\\BCD"), nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ (match (root, u"\\boot\\BCD", &state), EFI_DEVICE_ERROR);
+  EXPECT_EQ (match (root, u"\\boot\\none", &state), EFI_NOT_FOUND);
+  EXPECT_EQ (match (nullptr, u"\\boot\\BCD", &state), EFI_INVALID_PARAMETER);
+  EXPECT_EQ (match (root, u"\\boot\\BCD", nullptr), EFI_INVALID_PARAMETER);
 }
 
 }  // namespace

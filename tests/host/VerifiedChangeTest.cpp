@@ -1,44 +1,24 @@
 #include "Harness.h"
 
-#include <fs/FileAccess.h>
 #include <fs/VerifiedChange.h>
-
-#include <algorithm>
-
-using fake::Op;
 
 namespace {
 
 class VerifiedChangeTest : public HostTest {
  protected:
-  EFI_FILE_PROTOCOL *root = nullptr;
-
-  void SetUp () override
-  {
-    ASSERT_EQ (OpenRoot (boot.Handle (), &root), EFI_SUCCESS);
-    ASSERT_EQ (InitLog (fw.image), EFI_SUCCESS);
+  void SetUp () override {
+    OpenBoot (true);
     boot.Put ("\\boot\\bcd_w10", "store");
     boot.Put ("\\w10\\recovery.txt", "ID|s-win-10");
     boot.Mkdir ("\\efi\\efi_w10\\boot");
   }
 
-  void TearDown () override
-  {
-    root->Close (root);
-    HostTest::TearDown ();
-  }
-
   EFI_STATUS Rename (const char16_t *from, const char16_t *to) { return RenameVerified (boot.Handle (), root, W (from), W (to)); }
-
-  std::string Log ()
-  {
-    CloseLog ();
-    return LogText ();
-  }
+  EFI_STATUS MoveAside (const std::u16string &path) { return MoveAsideToBak (boot.Handle (), root, W (path.c_str ())); }
+  EFI_STATUS Copy () { return CopyFileVerified (root, W (u"\\boot\\backup\\bcd_w10"), W (u"\\boot\\copy")); }
 };
 
-TEST_F (VerifiedChangeTest, RenamesAcrossFoldersAndProvesIt)
-{
+TEST_F (VerifiedChangeTest, RenamesAcrossFoldersAndProvesIt) {
   EXPECT_EQ (Rename (u"\\boot\\bcd_w10", u"\\boot\\BCD"), EFI_SUCCESS);
   EXPECT_EQ (Rename (u"\\w10", u"\\sources"), EFI_SUCCESS);
   EXPECT_EQ (Rename (u"\\efi\\efi_w10", u"\\efi\\microsoft"), EFI_SUCCESS);
@@ -49,80 +29,55 @@ TEST_F (VerifiedChangeTest, RenamesAcrossFoldersAndProvesIt)
   EXPECT_EQ (top, (std::vector<std::string>{ "boot", "efi", "sources", "velmaro_log.txt" }));
   EXPECT_TRUE (boot.Exists ("\\efi\\microsoft\\boot"));
   EXPECT_EQ (boot.Get ("\\boot\\moved.txt"), "ID|s-win-10");
-  std::string log = Log ();
-  EXPECT_NE (log.find ("] rename verified: \\boot\\bcd_w10 -> \\boot\\BCD\r\n"
-                       "[+00000000 ms] rename verified: SetInfo OK \\boot\\bcd_w10 -> \\boot\\BCD\r\n"
-                       "[+00000000 ms] rename verified: OK \\boot\\bcd_w10 -> \\boot\\BCD\r\n"), std::string::npos);
+  EXPECT_TRUE (Has (Log (), "] rename verified: \\boot\\bcd_w10 -> \\boot\\BCD\r\n"
+                            "[+00000000 ms] rename verified: SetInfo OK \\boot\\bcd_w10 -> \\boot\\BCD\r\n"
+                            "[+00000000 ms] rename verified: OK \\boot\\bcd_w10 -> \\boot\\BCD\r\n"));
 }
 
-TEST_F (VerifiedChangeTest, DriverRefusingPathsGetsTheLeafName)
-{
+TEST_F (VerifiedChangeTest, DriverRefusingPathsGetsTheLeafName) {
   boot.rejectPathNames = true;
   EXPECT_EQ (Rename (u"\\boot\\bcd_w10", u"\\boot\\BCD"), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\BCD"), "store");
   // Across folders such a driver can only rename in place: not proven, not undone.
   EXPECT_EQ (Rename (u"\\w10\\recovery.txt", u"\\boot\\r.txt"), EFI_DEVICE_ERROR);
   EXPECT_TRUE (boot.Exists ("\\w10\\r.txt"));
-  std::string log = Log ();
-  EXPECT_NE (log.find ("] rename verified: SetInfo full-path rejected, retry leaf-name BCD\r\n"), std::string::npos);
-  EXPECT_NE (log.find ("] rename verified: destination missing after rename \\boot\\r.txt status=Not Found (0x800000000000000E) exists=0\r\n"), std::string::npos);
+  const std::string log = Log ();
+  EXPECT_TRUE (Has (log, "] rename verified: SetInfo full-path rejected, retry leaf-name BCD\r\n"));
+  EXPECT_TRUE (Has (log, "] rename verified: destination missing after rename \\boot\\r.txt status=Not Found (0x800000000000000E) exists=0\r\n"));
 }
 
-TEST_F (VerifiedChangeTest, RenameFailuresAreReportedAndNotUndone)
-{
-  const struct {
-    const char   *name;
-    const char16_t *from;
-    const char16_t *to;
-    Op           op;
-    EFI_STATUS   status;
-    unsigned     nth;
-    const char   *path;
-    bool         noEffect;
-    EFI_STATUS   result;
-    bool         moved;
-    const char   *line;
-  } rows[] = {
-    { "source absent", u"\\boot\\none", u"\\boot\\BCD", Op::Close, 0, 0, "", false, EFI_NOT_FOUND, false,
+TEST_F (VerifiedChangeTest, RenameFailuresAreReportedAndNotUndone) {
+  // line: null when no SetInfo failure may be reported
+  const struct { const char *name; const char16_t *from, *to; fake::Fault fault; EFI_STATUS result; bool moved; const char *line; } rows[] = {
+    { "source absent", u"\\boot\\none", u"\\boot\\BCD", {}, EFI_NOT_FOUND, false,
       "] rename verified: open source failed \\boot\\none: Not Found (0x800000000000000E)\r\n" },
-    { "name taken", u"\\boot\\bcd_w10", u"\\W10", Op::Close, 0, 0, "", false, EFI_ACCESS_DENIED, false,
+    { "name taken", u"\\boot\\bcd_w10", u"\\W10", {}, EFI_ACCESS_DENIED, false,
       "] rename verified: SetInfo failed \\boot\\bcd_w10 -> \\W10: Access Denied (0x800000000000000F)\r\n" },
-    { "reported, not done", u"\\boot\\bcd_w10", u"\\boot\\BCD", Op::SetInfo, EFI_SUCCESS, 1, "", true, EFI_DEVICE_ERROR, false,
+    { "reported, not done", u"\\boot\\bcd_w10", u"\\boot\\BCD", { Op::SetInfo, 0, 1, "", Effect::NoEffect }, EFI_DEVICE_ERROR, false,
       "] rename verified: source still present after rename \\boot\\bcd_w10 status=Success (0x0) exists=1\r\n" },
-    { "fresh root unavailable", u"\\boot\\bcd_w10", u"\\boot\\BCD", Op::OpenVolume, EFI_NO_MEDIA, 1, "", false, EFI_NO_MEDIA, true,
+    { "fresh root unavailable", u"\\boot\\bcd_w10", u"\\boot\\BCD", { Op::OpenVolume, EFI_NO_MEDIA, 1 }, EFI_NO_MEDIA, true,
       "] rename verified: reopen root failed after rename: No Media (0x800000000000000C)\r\n" },
-    { "source test fails", u"\\boot\\bcd_w10", u"\\boot\\BCD", Op::Open, EFI_DEVICE_ERROR, 2, "bcd_w10", false, EFI_DEVICE_ERROR, true,
+    { "source test fails", u"\\boot\\bcd_w10", u"\\boot\\BCD", { Op::Open, EFI_DEVICE_ERROR, 2, "bcd_w10" }, EFI_DEVICE_ERROR, true,
       "] rename verified: source still present after rename \\boot\\bcd_w10 status=Device Error (0x8000000000000007) exists=0\r\n" },
-    { "destination unopenable", u"\\boot\\bcd_w10", u"\\boot\\BCD", Op::Open, EFI_VOLUME_CORRUPTED, 1, "\\boot\\BCD", false, EFI_DEVICE_ERROR, true,
+    { "destination unopenable", u"\\boot\\bcd_w10", u"\\boot\\BCD", { Op::Open, EFI_VOLUME_CORRUPTED, 1, "\\boot\\BCD" }, EFI_DEVICE_ERROR, true,
       "] rename verified: destination missing after rename \\boot\\BCD status=Volume Corrupt (0x800000000000000A) exists=0\r\n" },
-    { "information unreadable", u"\\boot\\bcd_w10", u"\\boot\\BCD", Op::GetInfo, EFI_DEVICE_ERROR, 1, "", false, EFI_DEVICE_ERROR, false, nullptr },
-    { "no memory", u"\\boot\\bcd_w10", u"\\boot\\BCD", Op::AllocatePool, EFI_OUT_OF_RESOURCES, 2, "", false, EFI_OUT_OF_RESOURCES, false, nullptr },
+    { "information unreadable", u"\\boot\\bcd_w10", u"\\boot\\BCD", { Op::GetInfo, EFI_DEVICE_ERROR, 1 }, EFI_DEVICE_ERROR, false, nullptr },
+    { "no memory", u"\\boot\\bcd_w10", u"\\boot\\BCD", { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 2 }, EFI_OUT_OF_RESOURCES, false, nullptr },
   };
 
   for (const auto &row : rows) {
     boot.Put ("\\boot\\bcd_w10", "store");
     boot.Remove ("\\boot\\BCD");
-    fw.faults.Reset ();
-    if (row.noEffect) {
-      fw.faults.NoEffect (row.op, row.nth, row.path);
-    } else if (row.nth != 0) {
-      fw.faults.Fail (row.op, row.status, row.nth, row.path);
-    }
-
+    fw.faults.Set (row.fault);
     fw.console.clear ();
     EXPECT_EQ (Rename (row.from, row.to), row.result) << row.name;
     EXPECT_EQ (boot.Exists ("\\boot\\BCD"), row.moved) << row.name;
     EXPECT_EQ (fw.OpenHandles (), 2) << row.name;
-    if (row.line != nullptr) {
-      EXPECT_NE (Console ().find (row.line), std::string::npos) << row.name << "\n" << Console ();
-    } else {
-      EXPECT_EQ (Console ().find ("SetInfo failed"), std::string::npos) << row.name;
-    }
+    EXPECT_TRUE (row.line ? Has (Console (), row.line) : !Has (Console (), "SetInfo failed")) << row.name;
   }
 }
 
-TEST_F (VerifiedChangeTest, FolderWithOpenChildIsNotRenamed)
-{
+TEST_F (VerifiedChangeTest, FolderWithOpenChildIsNotRenamed) {
   EFI_FILE_PROTOCOL *child = nullptr;
   ASSERT_EQ (root->Open (root, &child, const_cast<CHAR16 *>(W (u"\\w10\\recovery.txt")), EFI_FILE_MODE_READ, 0), EFI_SUCCESS);
   EXPECT_EQ (Rename (u"\\w10", u"\\sources"), EFI_ACCESS_DENIED);
@@ -130,132 +85,93 @@ TEST_F (VerifiedChangeTest, FolderWithOpenChildIsNotRenamed)
   EXPECT_TRUE (boot.Exists ("\\w10\\recovery.txt"));
 }
 
-TEST_F (VerifiedChangeTest, MoveAsideReplacesAnOlderBak)
-{
-  const std::u16string p187 = u"\\" + std::u16string (186, u'p');
-  const std::u16string p188 = u"\\" + std::u16string (187, u'p');
+TEST_F (VerifiedChangeTest, MoveAsideReplacesAnOlderBak) {
+  const std::u16string p187 = u"\\" + std::u16string (186, u'p'), p188 = u"\\" + std::u16string (187, u'p');
 
   boot.Put ("\\boot\\BCD", "wrong");
   boot.Put ("\\boot\\BCD.bak", "older");
-  EXPECT_EQ (MoveAsideToBak (boot.Handle (), root, W (u"\\boot\\BCD")), EFI_SUCCESS);
+  EXPECT_EQ (MoveAside (u"\\boot\\BCD"), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\BCD.bak"), "wrong");
   EXPECT_FALSE (boot.Exists ("\\boot\\BCD"));
 
   boot.Put (fake::Narrow (p187), "x");
-  EXPECT_EQ (MoveAsideToBak (boot.Handle (), root, W (p187.c_str ())), EFI_SUCCESS);
+  EXPECT_EQ (MoveAside (p187), EFI_SUCCESS);
   EXPECT_TRUE (boot.Exists (fake::Narrow (p187) + ".bak"));
-  EXPECT_EQ (MoveAsideToBak (boot.Handle (), root, W (p188.c_str ())), EFI_BUFFER_TOO_SMALL);
+  EXPECT_EQ (MoveAside (p188), EFI_BUFFER_TOO_SMALL);
 
   // An older ".bak" folder that still holds files cannot make room: nothing is renamed.
   boot.Put ("\\sources.bak\\keep.txt", "k");
   boot.Mkdir ("\\sources");
-  EXPECT_EQ (MoveAsideToBak (boot.Handle (), root, W (u"\\sources")), EFI_DEVICE_ERROR);
+  EXPECT_EQ (MoveAside (u"\\sources"), EFI_DEVICE_ERROR);
   EXPECT_TRUE (boot.Exists ("\\sources"));
   EXPECT_TRUE (boot.Exists ("\\sources.bak\\keep.txt"));
   fw.faults.Fail (Op::Open, EFI_DEVICE_ERROR, 1, ".bak");
-  EXPECT_EQ (MoveAsideToBak (boot.Handle (), root, W (u"\\sources")), EFI_DEVICE_ERROR);
+  EXPECT_EQ (MoveAside (u"\\sources"), EFI_DEVICE_ERROR);
   EXPECT_EQ (MoveAsideToBak (nullptr, root, W (u"\\sources")), EFI_INVALID_PARAMETER);
 }
 
-TEST_F (VerifiedChangeTest, CopyGoesChunkByChunk)
-{
-  const struct {
-    size_t    size;
-    unsigned  reads;
-  } rows[] = { { 0, 1 }, { 4096, 2 }, { 3 * 4096, 4 }, { 4097, 3 } };
-
-  for (const auto &row : rows) {
-    std::string data (row.size, '\0');
-    for (size_t i = 0; i < row.size; ++i) {
-      data[i] = static_cast<char>(i * 7 + row.size);
-    }
-
+TEST_F (VerifiedChangeTest, CopyGoesChunkByChunk) {
+  for (const auto &[size, reads] : std::vector<std::pair<size_t, unsigned>>{ { 0, 1 }, { 4096, 2 }, { 3 * 4096, 4 }, { 4097, 3 } }) {
+    std::string data (size, '\0');
+    for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i * 7 + size);
     boot.Put ("\\boot\\backup\\bcd_w10", data);
     fw.faults.Reset ();
-    EXPECT_EQ (CopyFileVerified (root, W (u"\\boot\\backup\\bcd_w10"), W (u"\\boot\\copy")), EFI_SUCCESS);
-    EXPECT_TRUE (boot.Get ("\\boot\\copy") == data) << "copy of " << row.size << " bytes differs";
-    EXPECT_EQ (fw.faults.Calls (Op::Read), row.reads) << row.size;
+    EXPECT_EQ (Copy (), EFI_SUCCESS);
+    EXPECT_TRUE (boot.Get ("\\boot\\copy") == data) << "copy of " << size << " bytes differs";
+    EXPECT_EQ (fw.faults.Calls (Op::Read), reads) << size;
     EXPECT_TRUE (boot.Exists ("\\boot\\backup\\bcd_w10"));
   }
-
-  std::string log = Log ();
-  EXPECT_NE (log.find ("] copy verified: \\boot\\backup\\bcd_w10 -> \\boot\\copy\r\n"), std::string::npos);
-  EXPECT_NE (log.find ("] copy verified OK: \\boot\\backup\\bcd_w10 -> \\boot\\copy\r\n"), std::string::npos);
+  const std::string log = Log ();
+  EXPECT_TRUE (Has (log, "] copy verified: \\boot\\backup\\bcd_w10 -> \\boot\\copy\r\n"));
+  EXPECT_TRUE (Has (log, "] copy verified OK: \\boot\\backup\\bcd_w10 -> \\boot\\copy\r\n"));
 }
 
-TEST_F (VerifiedChangeTest, CopyFailuresLeaveAPartialDestination)
-{
-  const std::string data (3 * 4096, 'd');
-  const struct {
-    const char   *name;
-    Op           op;
-    EFI_STATUS   status;
-    unsigned     nth;
-    const char   *path;
-    fake::Effect effect;
-    EFI_STATUS   result;
-    size_t       left;   // bytes in the destination afterwards; SIZE_MAX: absent
-    const char   *line;
-  } rows[] = {
-    { "source absent", Op::Open, EFI_NOT_FOUND, 1, "backup", fake::Effect::Fail, EFI_NOT_FOUND, SIZE_MAX,
+TEST_F (VerifiedChangeTest, CopyFailuresLeaveAPartialDestination) {
+  // left: bytes in the destination afterwards, SIZE_MAX when absent; line: null when only
+  // the absence of the OK line is checked
+  const struct { const char *name; fake::Fault fault; EFI_STATUS result; size_t left; const char *line; } rows[] = {
+    { "source absent", { Op::Open, EFI_NOT_FOUND, 1, "backup" }, EFI_NOT_FOUND, SIZE_MAX,
       "] copy verified: open source failed \\boot\\backup\\bcd_w10: Not Found (0x800000000000000E)\r\n" },
-    { "destination refused", Op::Open, EFI_WRITE_PROTECTED, 1, "copy", fake::Effect::Fail, EFI_WRITE_PROTECTED, SIZE_MAX,
+    { "destination refused", { Op::Open, EFI_WRITE_PROTECTED, 1, "copy" }, EFI_WRITE_PROTECTED, SIZE_MAX,
       "] copy verified: open destination failed \\boot\\copy: Write Protected (0x8000000000000008)\r\n" },
-    { "read fails", Op::Read, EFI_DEVICE_ERROR, 2, "", fake::Effect::Fail, EFI_DEVICE_ERROR, 4096, nullptr },
-    { "write fails", Op::Write, EFI_VOLUME_FULL, 3, "copy", fake::Effect::Fail, EFI_DEVICE_ERROR, 8192, nullptr },
-    { "short write", Op::Write, EFI_SUCCESS, 2, "copy", fake::Effect::Short, EFI_DEVICE_ERROR, 4096 + 2048, nullptr },
+    { "read fails", { Op::Read, EFI_DEVICE_ERROR, 2 }, EFI_DEVICE_ERROR, 4096, nullptr },
+    { "write fails", { Op::Write, EFI_VOLUME_FULL, 3, "copy" }, EFI_DEVICE_ERROR, 8192, nullptr },
+    { "short write", { Op::Write, 0, 2, "copy", Effect::Short }, EFI_DEVICE_ERROR, 4096 + 2048, nullptr },
   };
 
-  boot.Put ("\\boot\\backup\\bcd_w10", data);
+  boot.Put ("\\boot\\backup\\bcd_w10", std::string (3 * 4096, 'd'));
   for (const auto &row : rows) {
-    fw.faults.Reset ();
-    if (row.effect == fake::Effect::Short) {
-      fw.faults.Short (row.op, row.nth, row.path);
-    } else {
-      fw.faults.Fail (row.op, row.status, row.nth, row.path);
-    }
-
+    fw.faults.Set (row.fault);
     fw.console.clear ();
-    EXPECT_EQ (CopyFileVerified (root, W (u"\\boot\\backup\\bcd_w10"), W (u"\\boot\\copy")), row.result) << row.name;
-    if (row.left == SIZE_MAX) {
-      EXPECT_FALSE (boot.Exists ("\\boot\\copy")) << row.name;
-    } else {
-      EXPECT_EQ (boot.Get ("\\boot\\copy").size (), row.left) << row.name;
-    }
-
+    EXPECT_EQ (Copy (), row.result) << row.name;
+    EXPECT_EQ (boot.Exists ("\\boot\\copy") ? boot.Get ("\\boot\\copy").size () : SIZE_MAX, row.left) << row.name;
     EXPECT_EQ (fw.OpenHandles (), 2) << row.name;
-    EXPECT_EQ (Console ().find ("copy verified OK"), std::string::npos) << row.name;
-    if (row.line != nullptr) {
-      EXPECT_NE (Console ().find (row.line), std::string::npos) << row.name;
-    }
-
-    if (boot.Exists ("\\boot\\copy")) {
-      EXPECT_EQ (DeleteFileVerified (boot.Handle (), root, W (u"\\boot\\copy")), EFI_SUCCESS);
-    }
+    EXPECT_FALSE (Has (Console (), "copy verified OK")) << row.name;
+    if (row.line != nullptr) EXPECT_TRUE (Has (Console (), row.line)) << row.name;
+    if (boot.Exists ("\\boot\\copy")) EXPECT_EQ (DeleteFileVerified (boot.Handle (), root, W (u"\\boot\\copy")), EFI_SUCCESS);
   }
 }
 
-TEST_F (VerifiedChangeTest, FindsEntriesWithoutRegardToAsciiCase)
-{
+TEST_F (VerifiedChangeTest, FindsEntriesWithoutRegardToAsciiCase) {
   CHAR16 path[DIR_ENTRY_PATH_CHARS];
+  auto   find = [&](const char16_t *dir, const char16_t *name) { return FindDirEntryPath (root, W (dir), W (name), path); };
 
   boot.Put ("\\efi\\microsoft\\boot\\BCD", "s");
   boot.Put ("\\efi\\microsoft\\boot\\\xc3\xa8", "s");
-  ASSERT_EQ (FindDirEntryPath (root, W (u"\\efi\\microsoft\\boot"), W (u"bcd"), path), EFI_SUCCESS);
-  EXPECT_EQ (fake::Narrow (reinterpret_cast<char16_t *>(path)), "\\efi\\microsoft\\boot\\BCD");
-  EXPECT_EQ (FindDirEntryPath (root, W (u"\\efi\\microsoft\\boot"), W (u".."), path), EFI_SUCCESS);
-  EXPECT_EQ (FindDirEntryPath (root, W (u"\\efi\\microsoft\\boot"), W (u"\u00c8"), path), EFI_NOT_FOUND);
+  ASSERT_EQ (find (u"\\efi\\microsoft\\boot", u"bcd"), EFI_SUCCESS);
+  EXPECT_EQ (Str (path), "\\efi\\microsoft\\boot\\BCD");
+  EXPECT_EQ (find (u"\\efi\\microsoft\\boot", u".."), EFI_SUCCESS);
+  EXPECT_EQ (find (u"\\efi\\microsoft\\boot", u"\u00c8"), EFI_NOT_FOUND);
   EXPECT_EQ (path[0], 0);
-  EXPECT_EQ (FindDirEntryPath (root, W (u"\\efi\\nothing"), W (u"BCD"), path), EFI_NOT_FOUND);
+  EXPECT_EQ (find (u"\\efi\\nothing", u"BCD"), EFI_NOT_FOUND);
 
   const std::u16string deep = u"\\" + std::u16string (220, u'd');
   boot.Put (fake::Narrow (deep) + "\\BCD", "s");
-  EXPECT_EQ (FindDirEntryPath (root, W (deep.c_str ()), W (u"bcd"), path), EFI_BUFFER_TOO_SMALL);
-  const std::string longName (300, 'n');
-  boot.Put ("\\long\\" + longName, "s");
-  EXPECT_EQ (FindDirEntryPath (root, W (u"\\long"), W (u"x"), path), EFI_BUFFER_TOO_SMALL);
+  EXPECT_EQ (find (deep.c_str (), u"bcd"), EFI_BUFFER_TOO_SMALL);
+  boot.Put ("\\long\\" + std::string (300, 'n'), "s");
+  EXPECT_EQ (find (u"\\long", u"x"), EFI_BUFFER_TOO_SMALL);
   fw.faults.Fail (Op::AllocatePool, EFI_OUT_OF_RESOURCES, 1);
-  EXPECT_EQ (FindDirEntryPath (root, W (u"\\efi"), W (u"x"), path), EFI_OUT_OF_RESOURCES);
+  EXPECT_EQ (find (u"\\efi", u"x"), EFI_OUT_OF_RESOURCES);
 }
 
 }  // namespace

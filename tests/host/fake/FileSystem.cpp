@@ -2,7 +2,7 @@
 // answering as the firmware's FAT driver does (FatPkg/EnhancedFatDxe): names match
 // without regard to ASCII case and keep their spelling, a FileName starting with "\"
 // resolves from the root, SetInfo refuses the root, read-only handles, existing names
-// and directories with open children.
+// and directories with open children; Delete closes the handle whatever it answers.
 #include "Firmware.h"
 
 #include <gtest/gtest.h>
@@ -12,776 +12,389 @@
 
 namespace fake {
 
-struct Node {
+struct Node : std::enable_shared_from_this<Node> {
+  Node (const std::u16string &n, bool d, Node *p) : name (n), dir (d), parent (p) {}
   std::u16string                      name;
-  bool                                dir = false;
+  bool                                dir;
   std::vector<uint8_t>                data;
   std::vector<std::shared_ptr<Node>>  kids;
-  Node                                *parent = nullptr;
+  Node                                *parent;
   bool                                gone = false;   // deleted while a handle still held it
 };
 
 namespace {
 
-struct OpenFile {
-  EFI_FILE_PROTOCOL      proto;
-  Volume                 *volume;
-  std::shared_ptr<Node>  node;
-  uint64_t               position = 0;
-  bool                   writable = false;
-  size_t                 dirIndex = 0;
-};
+struct OpenFile { EFI_FILE_PROTOCOL proto; Volume *volume; std::shared_ptr<Node> node; bool writable; uint64_t position = 0; size_t dirIndex = 0; };
 
-std::map<EFI_FILE_PROTOCOL *, OpenFile *> &Handles ()
-{
-  static std::map<EFI_FILE_PROTOCOL *, OpenFile *> handles;
+std::map<EFI_FILE_PROTOCOL *, std::unique_ptr<OpenFile>> &Handles () {
+  static std::map<EFI_FILE_PROTOCOL *, std::unique_ptr<OpenFile>> handles;
   return handles;
 }
 
-OpenFile *Lookup (EFI_FILE_PROTOCOL *self)
-{
-  auto it = Handles ().find (self);
-  if (it == Handles ().end ()) {
-    ADD_FAILURE () << "file protocol call on a handle that is not open";
-    return nullptr;
-  }
-
-  return it->second;
+bool SameName (const std::u16string &a, const std::u16string &b) {
+  auto fold = [](char16_t c) { return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c; };
+  return a.size () == b.size () && std::equal (a.begin (), a.end (), b.begin (), [&](char16_t x, char16_t y) { return fold (x) == fold (y); });
 }
 
-char16_t Fold (char16_t c)
-{
-  return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c;
+std::shared_ptr<Node> Child (const Node &dir, const std::u16string &name) {
+  auto kid = std::find_if (dir.kids.begin (), dir.kids.end (), [&](const auto &k) { return SameName (k->name, name); });
+  return kid == dir.kids.end () ? nullptr : *kid;
 }
 
-bool SameName (const std::u16string &a, const std::u16string &b)
-{
-  return a.size () == b.size () && std::equal (a.begin (), a.end (), b.begin (), [](char16_t x, char16_t y) { return Fold (x) == Fold (y); });
+std::shared_ptr<Node> AddChild (Node &dir, const std::u16string &name, bool isDir) {
+  return dir.kids.emplace_back (std::make_shared<Node>(name, isDir, &dir));
 }
 
-std::shared_ptr<Node> Child (const Node &dir, const std::u16string &name)
-{
-  for (const auto &kid : dir.kids) {
-    if (SameName (kid->name, name)) {
-      return kid;
-    }
-  }
-
-  return nullptr;
+void Unlink (const std::shared_ptr<Node> &node) {
+  auto &kids = node->parent->kids;
+  kids.erase (std::remove (kids.begin (), kids.end (), node), kids.end ());
+  node->parent = nullptr;
 }
 
-std::vector<std::u16string> Split (const std::u16string &path, bool slashToo)
-{
-  std::vector<std::u16string> parts;
-  std::u16string              part;
-
+std::vector<std::u16string> Split (const std::u16string &path, bool slashToo) {
+  std::vector<std::u16string> parts(1);
   for (char16_t c : path) {
-    if (c == u'\\' || (slashToo && c == u'/')) {
-      if (!part.empty ()) {
-        parts.push_back (part);
-      }
-
-      part.clear ();
-    } else {
-      part += c;
-    }
+    if (c != u'\\' && !(slashToo && c == u'/')) parts.back () += c;
+    else if (!parts.back ().empty ()) parts.emplace_back ();
   }
-
-  if (!part.empty ()) {
-    parts.push_back (part);
-  }
-
+  if (parts.back ().empty ()) parts.pop_back ();
   return parts;
 }
 
-std::shared_ptr<Node> SharedOf (Node *node)
-{
-  if (node->parent == nullptr) {
-    return nullptr;
+bool IsWithin (const Node *candidate, const Node &ancestor) {
+  for (; candidate != nullptr; candidate = candidate->parent) {
+    if (candidate == &ancestor) return true;
   }
-
-  for (const auto &kid : node->parent->kids) {
-    if (kid.get () == node) {
-      return kid;
-    }
-  }
-
-  return nullptr;
+  return false;
 }
 
-// Walks a firmware path from a directory; "\" at the start means the root.
-// Returns the parent directory of the last component and that component's name.
-EFI_STATUS Resolve (Volume &volume, std::shared_ptr<Node> from, const std::u16string &path, std::shared_ptr<Node> &parent, std::u16string &leaf)
-{
-  std::shared_ptr<Node> dir = (!path.empty () && path[0] == u'\\') ? volume.root : from;
-
-  if (!dir->dir) {
-    dir = dir->parent ? SharedOf (dir->parent) : volume.root;
-    if (!dir) {
-      dir = volume.root;
-    }
+bool HasOpenDescendant (const Node &node) {
+  for (const auto &[proto, file] : Handles ()) {
+    if (IsWithin (file->node->parent, node)) return true;
   }
+  return false;
+}
+
+// Walks a firmware path from a directory (a file stands for its folder); "\" at the
+// start means the root. Gives the folder of the last component and that component.
+EFI_STATUS Resolve (Volume &volume, std::shared_ptr<Node> dir, const std::u16string &path, std::shared_ptr<Node> &parent,
+                    std::u16string &leaf) {
+  if (!path.empty () && path[0] == u'\\') dir = volume.root;
+  else if (!dir->dir) dir = dir->parent ? dir->parent->shared_from_this () : volume.root;
 
   std::vector<std::u16string> parts = Split (path, false);
   leaf.clear ();
   for (size_t i = 0; i < parts.size (); ++i) {
-    const std::u16string &part = parts[i];
-    bool                  last = (i + 1 == parts.size ());
-
-    if (part == u".") {
-      continue;
-    }
-
-    if (part == u"..") {
-      if (dir->parent == nullptr) {
-        return EFI_NOT_FOUND;
-      }
-
-      std::shared_ptr<Node> up = SharedOf (dir->parent);
-      dir = up ? up : volume.root;
-      continue;
-    }
-
-    if (last) {
-      leaf = part;
-      break;
-    }
-
-    std::shared_ptr<Node> next = Child (*dir, part);
-    if (!next || !next->dir) {
+    if (parts[i] == u".") continue;
+    if (parts[i] == u"..") {
+      if (dir->parent == nullptr) return EFI_NOT_FOUND;
+      dir = dir->parent->shared_from_this ();
+    } else if (i + 1 == parts.size ()) {
+      leaf = parts[i];
+    } else if (!(dir = Child (*dir, parts[i])) || !dir->dir) {
       return EFI_NOT_FOUND;
     }
-
-    dir = next;
   }
-
   parent = dir;
   return EFI_SUCCESS;
 }
 
-bool HasOpenDescendant (const Node &node)
-{
-  for (const auto &[proto, file] : Handles ()) {
-    for (Node *up = file->node->parent; up != nullptr; up = up->parent) {
-      if (up == &node) {
-        return true;
-      }
-    }
-  }
-
-  return false;
-}
-
-bool IsWithin (const Node *candidate, const Node &ancestor)
-{
-  for (; candidate != nullptr; candidate = candidate->parent) {
-    if (candidate == &ancestor) {
-      return true;
-    }
-  }
-
-  return false;
-}
-
-EFI_FILE_PROTOCOL *NewHandle (Volume &volume, std::shared_ptr<Node> node, bool writable);
-
-std::u16string PathText (const CHAR16 *text)
-{
-  return text == nullptr ? std::u16string () : std::u16string (reinterpret_cast<const char16_t *>(text));
-}
-
-std::u16string NodePath (const Node &node)
-{
+std::u16string NodePath (const Node &node) {
   std::u16string path;
-  for (const Node *n = &node; n->parent != nullptr; n = n->parent) {
-    path = u"\\" + n->name + path;
-  }
-
+  for (const Node *n = &node; n->parent != nullptr; n = n->parent) path = u"\\" + n->name + path;
   return path.empty () ? u"\\" : path;
 }
 
+std::u16string Text (const CHAR16 *text) {
+  return text == nullptr ? std::u16string () : std::u16string (reinterpret_cast<const char16_t *>(text));
+}
+
+EFI_STATUS PutInfo (const Node &node, UINTN *size, VOID *buffer) {
+  UINTN need = SIZE_OF_EFI_FILE_INFO + (node.name.size () + 1) * sizeof (CHAR16);
+  if (*size < need) {
+    *size = need;
+    return EFI_BUFFER_TOO_SMALL;
+  }
+  auto *info = static_cast<EFI_FILE_INFO *>(buffer);
+  std::memset (info, 0, need);
+  info->Size      = *size = need;
+  info->FileSize  = info->PhysicalSize = node.data.size ();
+  info->Attribute = node.dir ? EFI_FILE_DIRECTORY : EFI_FILE_ARCHIVE;
+  std::memcpy (info->FileName, node.name.c_str (), (node.name.size () + 1) * sizeof (CHAR16));
+  return EFI_SUCCESS;
+}
+
+OpenFile *Lookup (EFI_FILE_PROTOCOL *self) {
+  auto it = Handles ().find (self);
+  if (it != Handles ().end ()) return it->second.get ();
+  ADD_FAILURE () << "file protocol call on a handle that is not open";
+  return nullptr;
+}
+
+bool IsFileInfo (const EFI_GUID *type) { return std::memcmp (type, &gEfiFileInfoGuid, sizeof (EFI_GUID)) == 0; }
+
+EFI_FILE_PROTOCOL *NewHandle (Volume &volume, std::shared_ptr<Node> node, bool writable);
+
+// Every file call but Close and Delete starts here: the open file, then the fault for
+// this call on that path, if one fires (Fail: its status; NoEffect: success, nothing done).
+#define ENTER(op, path)                                                                        \
+  OpenFile *file = Lookup (self);                                                              \
+  if (file == nullptr) return EFI_INVALID_PARAMETER;                                           \
+  Node        &node  = *file->node;                                                            \
+  const Fault *fault = file->volume->fw.faults.Check (op, path);                               \
+  if (fault != nullptr && fault->effect != Effect::Short) {                                    \
+    return fault->effect == Effect::Fail ? fault->status : EFI_SUCCESS;                        \
+  }                                                                                            \
+  const size_t half = (fault != nullptr) ? 2 : 1;   /* a Short fault halves Read and Write */  \
+  (void)node, (void)half
+
 // --- EFI_FILE_PROTOCOL -----------------------------------------------------------
 
-EFI_STATUS EFIAPI FileOpen (EFI_FILE_PROTOCOL *self, EFI_FILE_PROTOCOL **out, CHAR16 *name, UINT64 mode, UINT64 attributes)
-{
-  OpenFile *file = Lookup (self);
-  if (file == nullptr) {
+EFI_STATUS EFIAPI FileOpen (EFI_FILE_PROTOCOL *self, EFI_FILE_PROTOCOL **out, CHAR16 *name, UINT64 mode, UINT64 attributes) {
+  ENTER (Op::Open, Text (name));
+  const UINT64 rw = EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE;
+  if (name == nullptr || out == nullptr || (mode != EFI_FILE_MODE_READ && mode != rw && mode != (rw | EFI_FILE_MODE_CREATE))) {
     return EFI_INVALID_PARAMETER;
   }
-
-  Volume         &volume = *file->volume;
-  std::u16string path    = PathText (name);
-
-  if (const FaultRule *f = volume.fw.faults.Check (Op::Open, path)) {
-    return f->status;
-  }
-
-  if (name == nullptr || out == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  if (mode != EFI_FILE_MODE_READ && mode != (EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE) &&
-      mode != (EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE | EFI_FILE_MODE_CREATE))
-  {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  bool write = (mode & EFI_FILE_MODE_WRITE) != 0;
-  if (volume.writeProtected && write) {
-    return EFI_WRITE_PROTECTED;
-  }
-
-  if (file->node->gone) {
-    return EFI_NOT_FOUND;
-  }
+  const bool write = (mode & EFI_FILE_MODE_WRITE) != 0;
+  if (file->volume->writeProtected && write) return EFI_WRITE_PROTECTED;
+  if (node.gone) return EFI_NOT_FOUND;
 
   std::shared_ptr<Node> parent;
   std::u16string        leaf;
-  EFI_STATUS            status = Resolve (volume, file->node, path, parent, leaf);
-  if (EFI_ERROR (status)) {
-    return status;
-  }
-
+  EFI_STATUS            status = Resolve (*file->volume, file->node, Text (name), parent, leaf);
+  if (EFI_ERROR (status)) return status;
   std::shared_ptr<Node> target = leaf.empty () ? parent : Child (*parent, leaf);
   if (!target) {
-    if ((mode & EFI_FILE_MODE_CREATE) == 0) {
-      return EFI_NOT_FOUND;
-    }
-
-    target         = std::make_shared<Node>();
-    target->name   = leaf;
-    target->dir    = (attributes & EFI_FILE_DIRECTORY) != 0;
-    target->parent = parent.get ();
-    parent->kids.push_back (target);
+    if ((mode & EFI_FILE_MODE_CREATE) == 0) return EFI_NOT_FOUND;
+    target = AddChild (*parent, leaf, (attributes & EFI_FILE_DIRECTORY) != 0);
   }
-
-  *out = NewHandle (volume, target, write);
+  *out = NewHandle (*file->volume, target, write);
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FileClose (EFI_FILE_PROTOCOL *self)
-{
+EFI_STATUS EFIAPI FileClose (EFI_FILE_PROTOCOL *self) {
   OpenFile *file = Lookup (self);
-  if (file == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-
+  if (file == nullptr) return EFI_INVALID_PARAMETER;
   file->volume->fw.faults.Check (Op::Close, NodePath (*file->node));
   Handles ().erase (self);
-  delete file;
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FileDelete (EFI_FILE_PROTOCOL *self)
-{
+EFI_STATUS EFIAPI FileDelete (EFI_FILE_PROTOCOL *self) {
   OpenFile *file = Lookup (self);
-  if (file == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  std::shared_ptr<Node> node   = file->node;
-  bool                  writable = file->writable;
-  const FaultRule       *fault = file->volume->fw.faults.Check (Op::Delete, NodePath (*node));
-
-  // Delete closes the handle whatever happens.
+  if (file == nullptr) return EFI_INVALID_PARAMETER;
+  std::shared_ptr<Node> node     = file->node;
+  const bool            writable = file->writable;
+  const Fault           *fault   = file->volume->fw.faults.Check (Op::Delete, NodePath (*node));
   Handles ().erase (self);
-  delete file;
 
-  if (fault != nullptr) {
-    return fault->effect == Effect::NoEffect ? EFI_SUCCESS : fault->status;
-  }
-
-  if (!writable || node->parent == nullptr || (node->dir && !node->kids.empty ())) {
-    return EFI_WARN_DELETE_FAILURE;
-  }
-
-  auto &kids = node->parent->kids;
-  kids.erase (std::remove (kids.begin (), kids.end (), node), kids.end ());
-  node->parent = nullptr;
-  node->gone   = true;
+  if (fault != nullptr) return fault->effect == Effect::NoEffect ? EFI_SUCCESS : fault->status;
+  if (!writable || node->parent == nullptr || (node->dir && !node->kids.empty ())) return EFI_WARN_DELETE_FAILURE;
+  Unlink (node);
+  node->gone = true;
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer)
-{
-  OpenFile *file = Lookup (self);
-  if (file == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  Node            &node  = *file->node;
-  const FaultRule *fault = file->volume->fw.faults.Check (Op::Read, NodePath (node));
-
-  if (fault != nullptr && fault->effect == Effect::Fail) {
-    return fault->status;
-  }
-
-  if (node.gone) {
-    return EFI_DEVICE_ERROR;
-  }
-
+EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) {
+  ENTER (Op::Read, NodePath (*file->node));
+  if (node.gone) return EFI_DEVICE_ERROR;
   if (node.dir) {
     // Like FAT: "." and ".." in every folder but the root, then the entries.
-    std::vector<std::shared_ptr<Node>> entries;
-    if (node.parent != nullptr) {
-      auto dot = std::make_shared<Node>();
-      dot->name = u".";
-      dot->dir  = true;
-      auto dotdot = std::make_shared<Node>();
-      dotdot->name = u"..";
-      dotdot->dir  = true;
-      entries.push_back (dot);
-      entries.push_back (dotdot);
-    }
-
-    entries.insert (entries.end (), node.kids.begin (), node.kids.end ());
-    if (file->dirIndex >= entries.size ()) {
+    const size_t dots = node.parent != nullptr ? 2 : 0;
+    if (file->dirIndex >= dots + node.kids.size ()) {
       *size = 0;
       return EFI_SUCCESS;
     }
-
-    const Node &entry = *entries[file->dirIndex];
-    UINTN      need   = SIZE_OF_EFI_FILE_INFO + (entry.name.size () + 1) * sizeof (CHAR16);
-    if (*size < need) {
-      *size = need;
-      return EFI_BUFFER_TOO_SMALL;
-    }
-
-    auto *info = static_cast<EFI_FILE_INFO *>(buffer);
-    std::memset (info, 0, need);
-    info->Size         = need;
-    info->FileSize     = entry.data.size ();
-    info->PhysicalSize = entry.data.size ();
-    info->Attribute    = entry.dir ? EFI_FILE_DIRECTORY : EFI_FILE_ARCHIVE;
-    std::memcpy (info->FileName, entry.name.c_str (), (entry.name.size () + 1) * sizeof (CHAR16));
-    *size = need;
-    file->dirIndex++;
-    return EFI_SUCCESS;
+    Node dot (file->dirIndex == 0 ? u"." : u"..", true, nullptr);
+    EFI_STATUS status = PutInfo (file->dirIndex < dots ? dot : *node.kids[file->dirIndex - dots], size, buffer);
+    file->dirIndex += EFI_ERROR (status) ? 0 : 1;
+    return status;
   }
-
-  if (file->position > node.data.size ()) {
-    return EFI_DEVICE_ERROR;
-  }
-
-  size_t available = node.data.size () - file->position;
-  size_t count     = std::min<size_t>(*size, available);
-  if (fault != nullptr && fault->effect == Effect::Short) {
-    count /= 2;
-  }
-
+  if (file->position > node.data.size ()) return EFI_DEVICE_ERROR;
+  size_t count = std::min<size_t>(*size, node.data.size () - file->position) / half;
   std::memcpy (buffer, node.data.data () + file->position, count);
   file->position += count;
   *size           = count;
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FileWrite (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer)
-{
-  OpenFile *file = Lookup (self);
-  if (file == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  Node            &node  = *file->node;
-  const FaultRule *fault = file->volume->fw.faults.Check (Op::Write, NodePath (node));
-
-  if (fault != nullptr && fault->effect == Effect::Fail) {
-    return fault->status;
-  }
-
-  if (node.dir) {
-    return EFI_UNSUPPORTED;
-  }
-
-  if (node.gone) {
-    return EFI_DEVICE_ERROR;
-  }
-
-  if (file->volume->writeProtected) {
-    return EFI_WRITE_PROTECTED;
-  }
-
-  if (!file->writable) {
-    return EFI_ACCESS_DENIED;
-  }
-
-  if (fault != nullptr && fault->effect == Effect::NoEffect) {
-    return EFI_SUCCESS;
-  }
-
-  size_t count = *size;
-  if (fault != nullptr && fault->effect == Effect::Short) {
-    count /= 2;
-  }
-
-  if (node.data.size () < file->position + count) {
-    node.data.resize (file->position + count);
-  }
-
+EFI_STATUS EFIAPI FileWrite (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) {
+  ENTER (Op::Write, NodePath (*file->node));
+  if (node.dir) return EFI_UNSUPPORTED;
+  if (node.gone) return EFI_DEVICE_ERROR;
+  if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
+  if (!file->writable) return EFI_ACCESS_DENIED;
+  size_t count = *size / half;
+  node.data.resize (std::max<size_t>(node.data.size (), file->position + count));
   std::memcpy (node.data.data () + file->position, buffer, count);
   file->position += count;
   *size           = count;
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FileGetPosition (EFI_FILE_PROTOCOL *self, UINT64 *position)
-{
-  OpenFile *file = Lookup (self);
-  if (file == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  if (const FaultRule *f = file->volume->fw.faults.Check (Op::GetPosition, NodePath (*file->node))) {
-    return f->status;
-  }
-
-  if (file->node->dir) {
-    return EFI_UNSUPPORTED;
-  }
-
+EFI_STATUS EFIAPI FileGetPosition (EFI_FILE_PROTOCOL *self, UINT64 *position) {
+  ENTER (Op::GetPosition, NodePath (*file->node));
+  if (node.dir) return EFI_UNSUPPORTED;
   *position = file->position;
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FileSetPosition (EFI_FILE_PROTOCOL *self, UINT64 position)
-{
-  OpenFile *file = Lookup (self);
-  if (file == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  if (const FaultRule *f = file->volume->fw.faults.Check (Op::SetPosition, NodePath (*file->node))) {
-    return f->status;
-  }
-
-  if (file->node->dir) {
-    if (position != 0) {
-      return EFI_UNSUPPORTED;
-    }
-
+EFI_STATUS EFIAPI FileSetPosition (EFI_FILE_PROTOCOL *self, UINT64 position) {
+  ENTER (Op::SetPosition, NodePath (*file->node));
+  if (node.dir) {
+    if (position != 0) return EFI_UNSUPPORTED;
     file->dirIndex = 0;
-    return EFI_SUCCESS;
+  } else {
+    file->position = (position == MAX_UINT64) ? node.data.size () : position;
   }
-
-  file->position = (position == MAX_UINT64) ? file->node->data.size () : position;
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FileGetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN *size, VOID *buffer)
-{
-  OpenFile *file = Lookup (self);
-  if (file == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  Node &node = *file->node;
-  if (const FaultRule *f = file->volume->fw.faults.Check (Op::GetInfo, NodePath (node))) {
-    return f->status;
-  }
-
-  if (std::memcmp (type, &gEfiFileInfoGuid, sizeof (EFI_GUID)) != 0) {
-    return EFI_UNSUPPORTED;
-  }
-
-  UINTN need = SIZE_OF_EFI_FILE_INFO + (node.name.size () + 1) * sizeof (CHAR16);
-  if (*size < need) {
-    *size = need;
-    return EFI_BUFFER_TOO_SMALL;
-  }
-
-  auto *info = static_cast<EFI_FILE_INFO *>(buffer);
-  std::memset (info, 0, need);
-  info->Size         = need;
-  info->FileSize     = node.data.size ();
-  info->PhysicalSize = node.data.size ();
-  info->Attribute    = node.dir ? EFI_FILE_DIRECTORY : EFI_FILE_ARCHIVE;
-  std::memcpy (info->FileName, node.name.c_str (), (node.name.size () + 1) * sizeof (CHAR16));
-  *size = need;
-  return EFI_SUCCESS;
+EFI_STATUS EFIAPI FileGetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN *size, VOID *buffer) {
+  ENTER (Op::GetInfo, NodePath (*file->node));
+  return IsFileInfo (type) ? PutInfo (node, size, buffer) : EFI_UNSUPPORTED;
 }
 
-EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN size, VOID *buffer)
-{
-  OpenFile *file = Lookup (self);
-  if (file == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
+std::u16string NameIn (UINTN size, const VOID *buffer) {
+  return size >= SIZE_OF_EFI_FILE_INFO + 2 ? Text (static_cast<const EFI_FILE_INFO *>(buffer)->FileName) : u"";
+}
 
+EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN size, VOID *buffer) {
+  const std::u16string name = NameIn (size, buffer);
+  ENTER (Op::SetInfo, NodePath (*file->node) + u"->" + name);
   Volume                &volume = *file->volume;
-  std::shared_ptr<Node> node    = file->node;
-  auto                  *info   = static_cast<EFI_FILE_INFO *>(buffer);
-  std::u16string        name    = (size >= SIZE_OF_EFI_FILE_INFO + 2) ? PathText (info->FileName) : u"";
+  std::shared_ptr<Node> moved   = file->node;
+  const auto            *info   = static_cast<const EFI_FILE_INFO *>(buffer);
 
-  if (const FaultRule *f = volume.fw.faults.Check (Op::SetInfo, NodePath (*node) + u"->" + name)) {
-    if (f->effect == Effect::NoEffect) {
-      return EFI_SUCCESS;
-    }
-
-    return f->status;
-  }
-
-  if (volume.writeProtected) {
-    return EFI_WRITE_PROTECTED;
-  }
-
-  if (std::memcmp (type, &gEfiFileInfoGuid, sizeof (EFI_GUID)) != 0) {
-    return EFI_UNSUPPORTED;
-  }
-
-  if (node->parent == nullptr) {
-    return EFI_ACCESS_DENIED;
-  }
-
-  if (size < SIZE_OF_EFI_FILE_INFO + 2 || info->Size > size) {
-    return EFI_BAD_BUFFER_SIZE;
-  }
-
-  if ((info->Attribute & ~EFI_FILE_VALID_ATTR) != 0) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  if (((info->Attribute & EFI_FILE_DIRECTORY) != 0) != node->dir) {
-    return EFI_ACCESS_DENIED;
-  }
-
-  if (volume.rejectPathNames && name.find_first_of (u"\\/") != std::u16string::npos) {
-    return EFI_INVALID_PARAMETER;
-  }
+  if (volume.writeProtected) return EFI_WRITE_PROTECTED;
+  if (!IsFileInfo (type)) return EFI_UNSUPPORTED;
+  if (node.parent == nullptr) return EFI_ACCESS_DENIED;
+  if (size < SIZE_OF_EFI_FILE_INFO + 2 || info->Size > size) return EFI_BAD_BUFFER_SIZE;
+  if ((info->Attribute & ~EFI_FILE_VALID_ATTR) != 0) return EFI_INVALID_PARAMETER;
+  if (((info->Attribute & EFI_FILE_DIRECTORY) != 0) != node.dir) return EFI_ACCESS_DENIED;
+  if (volume.rejectPathNames && name.find_first_of (u"\\/") != std::u16string::npos) return EFI_INVALID_PARAMETER;
 
   std::shared_ptr<Node> parent;
   std::u16string        leaf;
-  EFI_STATUS            status = Resolve (volume, SharedOf (node->parent) ? SharedOf (node->parent) : volume.root, name, parent, leaf);
-  if (EFI_ERROR (status)) {
-    return status;
-  }
-
-  if (leaf.empty ()) {
-    return EFI_ACCESS_DENIED;
-  }
-
+  EFI_STATUS            status = Resolve (volume, node.parent->shared_from_this (), name, parent, leaf);
+  if (EFI_ERROR (status)) return status;
+  if (leaf.empty ()) return EFI_ACCESS_DENIED;
   std::shared_ptr<Node> existing = Child (*parent, leaf);
-  if (existing && existing != node) {
-    return EFI_ACCESS_DENIED;
-  }
-
+  if (existing && existing != moved) return EFI_ACCESS_DENIED;
   if (!existing) {
-    if (HasOpenDescendant (*node) || IsWithin (parent.get (), *node) || !file->writable) {
-      return EFI_ACCESS_DENIED;
-    }
-
-    auto &kids = node->parent->kids;
-    kids.erase (std::remove (kids.begin (), kids.end (), node), kids.end ());
-    node->name   = leaf;
-    node->parent = parent.get ();
-    parent->kids.push_back (node);
+    if (HasOpenDescendant (node) || IsWithin (parent.get (), node) || !file->writable) return EFI_ACCESS_DENIED;
+    Unlink (moved);
+    node.name   = leaf;
+    node.parent = parent.get ();
+    parent->kids.push_back (moved);
   }
-
-  if (info->FileSize != node->data.size ()) {
-    if (node->dir || !file->writable) {
-      return EFI_ACCESS_DENIED;
-    }
-
-    node->data.resize (info->FileSize);
+  if (info->FileSize != node.data.size ()) {
+    if (node.dir || !file->writable) return EFI_ACCESS_DENIED;
+    node.data.resize (info->FileSize);
   }
-
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FileFlush (EFI_FILE_PROTOCOL *self)
-{
-  OpenFile *file = Lookup (self);
-  if (file == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  if (const FaultRule *f = file->volume->fw.faults.Check (Op::Flush, NodePath (*file->node))) {
-    return f->status;
-  }
-
-  if (file->volume->writeProtected) {
-    return EFI_WRITE_PROTECTED;
-  }
-
+EFI_STATUS EFIAPI FileFlush (EFI_FILE_PROTOCOL *self) {
+  ENTER (Op::Flush, NodePath (*file->node));
+  if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
   return file->writable ? EFI_SUCCESS : EFI_ACCESS_DENIED;
 }
 
-EFI_FILE_PROTOCOL *NewHandle (Volume &volume, std::shared_ptr<Node> node, bool writable)
-{
-  auto *file = new OpenFile ();
-
-  file->proto.Revision    = EFI_FILE_PROTOCOL_REVISION;
-  file->proto.Open        = FileOpen;
-  file->proto.Close       = FileClose;
-  file->proto.Delete      = FileDelete;
-  file->proto.Read        = FileRead;
-  file->proto.Write       = FileWrite;
-  file->proto.GetPosition = FileGetPosition;
-  file->proto.SetPosition = FileSetPosition;
-  file->proto.GetInfo     = FileGetInfo;
-  file->proto.SetInfo     = FileSetInfo;
-  file->proto.Flush       = FileFlush;
-  file->volume            = &volume;
-  file->node              = std::move (node);
-  file->writable          = writable;
-  Handles ()[&file->proto] = file;
+EFI_FILE_PROTOCOL *NewHandle (Volume &volume, std::shared_ptr<Node> node, bool writable) {
+  static const EFI_FILE_PROTOCOL kFile = { EFI_FILE_PROTOCOL_REVISION, FileOpen, FileClose, FileDelete, FileRead, FileWrite,
+                                           FileGetPosition, FileSetPosition, FileGetInfo, FileSetInfo, FileFlush };
+  auto *file = new OpenFile{ kFile, &volume, std::move (node), writable };
+  Handles ()[&file->proto].reset (file);
   return &file->proto;
 }
 
-EFI_STATUS EFIAPI OpenVolume (EFI_SIMPLE_FILE_SYSTEM_PROTOCOL *self, EFI_FILE_PROTOCOL **root)
-{
+EFI_STATUS EFIAPI OpenVolume (EFI_SIMPLE_FILE_SYSTEM_PROTOCOL *self, EFI_FILE_PROTOCOL **root) {
   for (const auto &volume : Firmware::Current ().volumes) {
-    if (&volume->sfs == self) {
-      if (const FaultRule *f = volume->fw.faults.Check (Op::OpenVolume)) {
-        return f->status;
-      }
-
-      *root = NewHandle (*volume, volume->root, !volume->writeProtected);
-      return EFI_SUCCESS;
-    }
+    if (&volume->sfs != self) continue;
+    if (const Fault *f = volume->fw.faults.Check (Op::OpenVolume)) return f->status;
+    *root = NewHandle (*volume, volume->root, !volume->writeProtected);
+    return EFI_SUCCESS;
   }
-
   ADD_FAILURE () << "OpenVolume on an unknown volume";
   return EFI_INVALID_PARAMETER;
 }
 
-// Test-side path walk: '\' and '/' both separate.
-std::shared_ptr<Node> Walk (const Volume &volume, const std::string &path)
-{
-  std::shared_ptr<Node> node = volume.root;
-  for (const auto &part : Split (U16 (path), true)) {
-    node = node->dir ? Child (*node, part) : nullptr;
-    if (!node) {
-      return nullptr;
-    }
+// Test side: '\' and '/' both separate. Walks count parts (all: SIZE_MAX); Make adds
+// missing folders on the way, otherwise a missing part gives null.
+std::shared_ptr<Node> Walk (const Volume &volume, const std::string &path, bool make = false, size_t count = SIZE_MAX) {
+  std::shared_ptr<Node> node  = volume.root;
+  auto                  parts = Split (U16 (path), true);
+  for (size_t i = 0; i < parts.size () && i < count && node; ++i) {
+    std::shared_ptr<Node> next = node->dir ? Child (*node, parts[i]) : nullptr;
+    node = (next || !make) ? next : AddChild (*node, parts[i], true);
   }
-
   return node;
 }
 
-void Collect (const Node &dir, const std::string &prefix, std::map<std::string, std::string> &out)
-{
+void Collect (const Node &dir, const std::string &prefix, std::map<std::string, std::string> &out) {
   for (const auto &kid : dir.kids) {
     std::string path = prefix + "\\" + Narrow (kid->name);
     out[path] = kid->dir ? std::string ("<dir>") : std::string (kid->data.begin (), kid->data.end ());
-    if (kid->dir) {
-      Collect (*kid, path, out);
-    }
+    if (kid->dir) Collect (*kid, path, out);
   }
 }
 
 }  // namespace
 
-Volume::Volume (Firmware &firmware, EFI_HANDLE handle) : fw (firmware), root (std::make_shared<Node>()), handle_ (handle)
-{
-  root->dir = true;
-  std::memset (&sfs, 0, sizeof (sfs));
+Volume::Volume (Firmware &firmware, EFI_HANDLE handle) : sfs{}, fw (firmware), root (std::make_shared<Node>(u"", true, nullptr)), handle_ (handle) {
   sfs.Revision   = EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_REVISION;
   sfs.OpenVolume = OpenVolume;
 }
 
-Volume::~Volume ()
-{
+Volume::~Volume () {
   for (auto it = Handles ().begin (); it != Handles ().end ();) {
-    if (it->second->volume == this) {
-      delete it->second;
-      it = Handles ().erase (it);
-    } else {
-      ++it;
-    }
+    it = (it->second->volume == this) ? Handles ().erase (it) : std::next (it);
   }
 }
 
-void Volume::Mkdir (const std::string &path)
-{
-  std::shared_ptr<Node> node = root;
-  for (const auto &part : Split (U16 (path), true)) {
-    std::shared_ptr<Node> next = Child (*node, part);
-    if (!next) {
-      next         = std::make_shared<Node>();
-      next->name   = part;
-      next->dir    = true;
-      next->parent = node.get ();
-      node->kids.push_back (next);
-    }
+void Volume::Mkdir (const std::string &path) { Walk (*this, path, true); }
 
-    node = next;
-  }
+void Volume::Put (const std::string &path, const std::string &bytes) {
+  auto                  parts = Split (U16 (path), true);
+  std::shared_ptr<Node> dir   = Walk (*this, path, true, parts.size () - 1);
+  std::shared_ptr<Node> file  = Child (*dir, parts.back ());
+  (file ? file : (file = AddChild (*dir, parts.back (), false)))->data.assign (bytes.begin (), bytes.end ());
 }
 
-void Volume::Put (const std::string &path, const std::string &bytes)
-{
-  auto        parts = Split (U16 (path), true);
-  std::string dir;
-  for (size_t i = 0; i + 1 < parts.size (); ++i) {
-    dir += "\\" + Narrow (parts[i]);
-  }
-
-  Mkdir (dir);
-  std::shared_ptr<Node> parent = Walk (*this, dir);
-  std::shared_ptr<Node> file   = Child (*parent, parts.back ());
-  if (!file) {
-    file         = std::make_shared<Node>();
-    file->name   = parts.back ();
-    file->parent = parent.get ();
-    parent->kids.push_back (file);
-  }
-
-  file->data.assign (bytes.begin (), bytes.end ());
-}
-
-void Volume::Remove (const std::string &path)
-{
+void Volume::Remove (const std::string &path) {
   if (std::shared_ptr<Node> node = Walk (*this, path)) {
-    auto &kids = node->parent->kids;
-    kids.erase (std::remove (kids.begin (), kids.end (), node), kids.end ());
-    node->parent = nullptr;
-    node->gone   = true;
+    Unlink (node);
+    node->gone = true;
   }
 }
 
-bool Volume::Exists (const std::string &path) const
-{
-  return Walk (*this, path) != nullptr;
-}
+bool Volume::Exists (const std::string &path) const { return Walk (*this, path) != nullptr; }
 
-std::string Volume::Get (const std::string &path) const
-{
+std::string Volume::Get (const std::string &path) const {
   std::shared_ptr<Node> node = Walk (*this, path);
-  if (!node || node->dir) {
-    ADD_FAILURE () << "no file " << path;
-    return "";
-  }
-
-  return std::string (node->data.begin (), node->data.end ());
+  if (node && !node->dir) return std::string (node->data.begin (), node->data.end ());
+  ADD_FAILURE () << "no file " << path;
+  return "";
 }
 
-std::vector<std::string> Volume::List (const std::string &dir) const
-{
+std::vector<std::string> Volume::List (const std::string &dir) const {
   std::vector<std::string> names;
   if (std::shared_ptr<Node> node = Walk (*this, dir)) {
-    for (const auto &kid : node->kids) {
-      names.push_back (Narrow (kid->name));
-    }
+    for (const auto &kid : node->kids) names.push_back (Narrow (kid->name));
   }
-
   return names;
 }
 
-std::map<std::string, std::string> Volume::Snapshot () const
-{
+std::map<std::string, std::string> Volume::Snapshot () const {
   std::map<std::string, std::string> out;
   Collect (*root, "", out);
   return out;
 }
 
-int Volume::OpenHandles () const
-{
-  int count = 0;
-  for (const auto &[proto, file] : Handles ()) {
-    count += (file->volume == this) ? 1 : 0;
-  }
-
-  return count;
+int Volume::OpenHandles () const {
+  return static_cast<int>(std::count_if (Handles ().begin (), Handles ().end (), [this](const auto &h) { return h.second->volume == this; }));
 }
 
 }  // namespace fake

@@ -16,38 +16,35 @@
 namespace fake {
 
 enum class Op {
+  None,   // a fault row that injects nothing
   Open, Close, Delete, Read, Write, GetPosition, SetPosition, GetInfo, SetInfo, Flush,
   OpenVolume, HandleProtocol, OpenProtocol, LocateHandleBuffer, LocateProtocol,
   AllocatePool, GetTime, WaitForEvent, ReadKeyStroke, ReadBlocks
 };
 
 enum class Effect {
-  Fail,      // the call returns the rule's status and does nothing
-  Short,     // a Read or Write moves fewer bytes than it could, and says so
-  NoEffect   // the call reports success and changes nothing
+  Fail,      // the call returns the fault's status and does nothing
+  Short,     // a Read or Write moves half the bytes it could, and says so
+  NoEffect   // the call reports success and changes nothing (Close and Delete still close)
 };
 
-struct FaultRule {
-  Op              op;
-  EFI_STATUS      status;
-  unsigned        nth;     // 1-based among matching calls; 0 means every call
-  Effect          effect;
-  std::u16string  path;    // only calls on a path containing this text match
-  unsigned        seen = 0;
-};
+// nth: 1-based among matching calls, 0 for every call; path: only calls on a path containing
+// this text match
+struct Fault { Op op = Op::None; EFI_STATUS status = EFI_SUCCESS; unsigned nth = 0; std::string path; Effect effect = Effect::Fail; };
 
 class Faults {
  public:
-  void Fail (Op op, EFI_STATUS status, unsigned nth = 0, const std::string &path = "");
-  void Short (Op op, unsigned nth = 0, const std::string &path = "");
-  void NoEffect (Op op, unsigned nth = 0, const std::string &path = "");
-  // Counts the call and returns the rule that fires for it, if any.
-  const FaultRule *Check (Op op, const std::u16string &path = u"");
+  void Add (const Fault &fault);
+  void Set (const Fault &fault) { Reset (); Add (fault); }   // this fault alone, counts restarted
+  void Fail (Op op, EFI_STATUS status, unsigned nth = 0, const std::string &path = "") { Add ({ op, status, nth, path }); }
+  // Counts the call and returns the fault that fires for it, if any.
+  const Fault *Check (Op op, const std::u16string &path = u"");
   unsigned Calls (Op op) const;
   void Reset ();
 
  private:
-  std::vector<FaultRule>  rules_;
+  struct Rule { Fault fault; std::u16string path; unsigned seen; };
+  std::vector<Rule>       rules_;
   std::map<Op, unsigned>  calls_;
 };
 
@@ -58,8 +55,8 @@ class Firmware;
 // partition driver does. A test may clear media.MediaPresent or set proto.Media to null.
 struct BlockDevice {
   EFI_HANDLE                              handle;
-  EFI_BLOCK_IO_PROTOCOL                   proto;
-  EFI_BLOCK_IO_MEDIA                      media;
+  EFI_BLOCK_IO_PROTOCOL                   proto{};
+  EFI_BLOCK_IO_MEDIA                      media{};
   std::vector<uint8_t>                    bytes;   // the first blocks; the rest of the medium reads as zeros
   std::vector<std::pair<EFI_LBA, UINTN>>  reads;   // every ReadBlocks request: LBA, buffer size
 };
@@ -116,7 +113,7 @@ class Firmware {
 
   Volume &AddVolume ();
   // The application image: started from this volume with these load options (UTF-16).
-  void StartFrom (Volume &volume);
+  void StartFrom (Volume &volume) { loadedImage.DeviceHandle = volume.Handle (); }
   void SetLoadOptions (const std::u16string &options);
   void SetLoadOptionBytes (const std::vector<uint8_t> &bytes);
 
@@ -135,16 +132,16 @@ class Firmware {
   std::vector<UINTN>         attributes;     // every SetAttribute
   unsigned                   keyWaits = 0;
   unsigned                   keyReads = 0;
-  EFI_TIME                   now;
+  EFI_TIME                   now{};
   EFI_HANDLE                 image;
-  EFI_LOADED_IMAGE_PROTOCOL  loadedImage;
+  EFI_LOADED_IMAGE_PROTOCOL  loadedImage{};
 
-  EFI_SYSTEM_TABLE                 st;
-  EFI_BOOT_SERVICES                bs;
-  EFI_RUNTIME_SERVICES             rt;
-  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL  conOut;
-  EFI_SIMPLE_TEXT_OUTPUT_MODE      conOutMode;
-  EFI_SIMPLE_TEXT_INPUT_PROTOCOL   conIn;
+  EFI_SYSTEM_TABLE                 st{};
+  EFI_BOOT_SERVICES                bs{};
+  EFI_RUNTIME_SERVICES             rt{};
+  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL  conOut{};
+  EFI_SIMPLE_TEXT_OUTPUT_MODE      conOutMode{};
+  EFI_SIMPLE_TEXT_INPUT_PROTOCOL   conIn{};
   std::vector<std::unique_ptr<Volume>> volumes;
   std::vector<std::unique_ptr<BlockDevice>> blockDevices;
 
