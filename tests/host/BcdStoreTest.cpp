@@ -184,6 +184,14 @@ TEST_F (EfiBcdTest, CurrentStoreMakesRoomForTheRequestedOne) {
   EXPECT_TRUE (Has (log, "] BCD EFI seconda partizione gia coerente: \\efi\\microsoft\\boot\\BCD\r\n"));
 }
 
+TEST_F (EfiBcdTest, StoreNamedInAnotherCaseIsFoundOnACaseExactDriver) {
+  ntfs.MatchNamesExactly ();
+  ntfs.Put ("\\efi\\microsoft\\boot\\bcd", efiB);
+  EXPECT_EQ (Prepare (), EFI_SUCCESS);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\BCD"), efiB);
+  EXPECT_FALSE (ntfs.Exists ("\\efi\\microsoft\\boot\\bcd"));
+}
+
 TEST_F (EfiBcdTest, CopiesAreTakenFromOutsideTheActiveFolderAndLeftInPlace) {
   ntfs.Put ("\\efi\\microsoft\\boot\\bcd_b", stray);
   ntfs.Put ("\\efi\\efi_b\\boot\\BCD", "damaged");

@@ -20,6 +20,7 @@ struct Node : std::enable_shared_from_this<Node> {
   std::vector<std::shared_ptr<Node>>  kids;
   Node                                *parent;
   bool                                gone = false;   // deleted while a handle still held it
+  bool                                exactCase = false;   // on a root: names match only in their own case
 };
 
 namespace {
@@ -37,7 +38,12 @@ bool SameName (const std::u16string &a, const std::u16string &b) {
 }
 
 std::shared_ptr<Node> Child (const Node &dir, const std::u16string &name) {
-  auto kid = std::find_if (dir.kids.begin (), dir.kids.end (), [&](const auto &k) { return SameName (k->name, name); });
+  const Node *root = &dir;
+  while (root->parent != nullptr) {
+    root = root->parent;
+  }
+
+  auto kid = std::find_if (dir.kids.begin (), dir.kids.end (), [&](const auto &k) { return root->exactCase ? k->name == name : SameName (k->name, name); });
   return kid == dir.kids.end () ? nullptr : *kid;
 }
 
@@ -369,6 +375,8 @@ void Volume::Remove (const std::string &path) {
     node->gone = true;
   }
 }
+
+void Volume::MatchNamesExactly () { root->exactCase = true; }
 
 bool Volume::Exists (const std::string &path) const { return Walk (*this, path) != nullptr; }
 

@@ -80,6 +80,7 @@ class Volume {
 
   bool writeProtected = false;    // mounted read-only by its driver
   bool rejectPathNames = false;   // SetInfo answers a path in FileName with EFI_INVALID_PARAMETER
+  void MatchNamesExactly ();      // a driver whose names match only in their own letter case
 
   EFI_SIMPLE_FILE_SYSTEM_PROTOCOL  sfs;
   Firmware                         &fw;
