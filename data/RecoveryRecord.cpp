@@ -206,6 +206,47 @@ AppendRecordLine (
   return RecordWrite (Root, Path, NewText.Get ());
 }
 
+typedef EFI_STATUS (*RECORD_KEY_READER)(CONST CHAR8 *Text, CHAR16 *Value);
+typedef EFI_STATUS (*VOLUME_VALUE_READER)(EFI_HANDLE Volume, CHAR16 *Value, UINTN Capacity);
+
+/**
+  Appends a key whose value is read from the volume itself, unless the record has it.
+**/
+STATIC
+EFI_STATUS
+AddVolumeKey (
+  IN EFI_HANDLE           Volume,
+  IN EFI_FILE_PROTOCOL    *Root,
+  IN CONST CHAR16         *Path,
+  IN CONST CHAR8          *Text,
+  IN RECORD_KEY_READER    ReadKey,
+  IN VOLUME_VALUE_READER  ReadValue,
+  IN UINTN                Capacity,
+  IN CONST CHAR8          *Format
+  )
+{
+  CHAR16      Present[VELMARO_NAME_CHARS];
+  CHAR16      Wide[UUID_TEXT_CHARS];
+  CHAR8       Value[UUID_TEXT_CHARS];
+  EFI_STATUS  Status;
+
+  Status = ReadKey (Text, Present);
+  if (Status != EFI_NOT_FOUND) {
+    return Status;
+  }
+
+  Status = ReadValue (Volume, Wide, Capacity);
+  if (!EFI_ERROR (Status)) {
+    Status = NarrowToAscii (Value, sizeof (Value), Wide);
+  }
+
+  if (EFI_ERROR (Status)) {
+    return Status;
+  }
+
+  return AppendRecordLine (Root, Path, Text, Format, Value);
+}
+
 EFI_STATUS
 RecordAddSrcPart (
   IN EFI_HANDLE         Volume,
@@ -214,26 +255,7 @@ RecordAddSrcPart (
   IN CONST CHAR8        *Text
   )
 {
-  CHAR16      Present[VELMARO_NAME_CHARS];
-  CHAR16      Uuid[UUID_TEXT_CHARS];
-  CHAR8       Value[UUID_TEXT_CHARS];
-  EFI_STATUS  Status;
-
-  Status = RecordReadSrcPart (Text, Present);
-  if (Status != EFI_NOT_FOUND) {
-    return Status;
-  }
-
-  Status = ReadVolumeUuid (Volume, Uuid, UUID_TEXT_CHARS);
-  if (!EFI_ERROR (Status)) {
-    Status = NarrowToAscii (Value, sizeof (Value), Uuid);
-  }
-
-  if (EFI_ERROR (Status)) {
-    return Status;
-  }
-
-  return AppendRecordLine (Root, Path, Text, "%a%aSRC_PART|%a\r\n", Value);
+  return AddVolumeKey (Volume, Root, Path, Text, RecordReadSrcPart, ReadVolumeUuid, UUID_TEXT_CHARS, "%a%aSRC_PART|%a\r\n");
 }
 
 EFI_STATUS
@@ -244,26 +266,7 @@ RecordAddSrcFs (
   IN CONST CHAR8        *Text
   )
 {
-  CHAR16      Present[VELMARO_FS_CHARS];
-  CHAR16      FsName[VELMARO_FS_CHARS];
-  CHAR8       Value[VELMARO_FS_CHARS];
-  EFI_STATUS  Status;
-
-  Status = RecordReadSrcFs (Text, Present);
-  if (Status != EFI_NOT_FOUND) {
-    return Status;
-  }
-
-  Status = DetectFsType (Volume, FsName, VELMARO_FS_CHARS);
-  if (!EFI_ERROR (Status)) {
-    Status = NarrowToAscii (Value, sizeof (Value), FsName);
-  }
-
-  if (EFI_ERROR (Status)) {
-    return Status;
-  }
-
-  return AppendRecordLine (Root, Path, Text, "%a%aSRC_FS|%a\r\n", Value);
+  return AddVolumeKey (Volume, Root, Path, Text, RecordReadSrcFs, DetectFsType, VELMARO_FS_CHARS, "%a%aSRC_FS|%a\r\n");
 }
 
 EFI_STATUS
@@ -370,18 +373,6 @@ ActiveMarkerMatchesRecord (
   return EFI_ERROR (MarkerIdFileExists (Root, L16 (u"\\sources"), Id)) ? EFI_NOT_FOUND : EFI_SUCCESS;
 }
 
-/** Replaces *Text with the record as it is on the volume now. **/
-STATIC
-EFI_STATUS
-RereadRecord (
-  IN     EFI_FILE_PROTOCOL  *Root,
-  IN     CONST CHAR16       *Path,
-  IN OUT PoolGuard<CHAR8>   &Text
-  )
-{
-  return ReadWholeFile (Root, Path, Text.Out ());
-}
-
 EFI_STATUS
 RefreshActiveRecord (
   IN     EFI_HANDLE         Volume,
@@ -400,7 +391,7 @@ RefreshActiveRecord (
   *Text  = nullptr;
   Status = RecordAddSrcPart (Volume, Root, ACTIVE_RECORD_PATH, Record.Get ());
   if (!EFI_ERROR (Status)) {
-    Status = RereadRecord (Root, ACTIVE_RECORD_PATH, Record);
+    Status = ReadWholeFile (Root, ACTIVE_RECORD_PATH, Record.Out ());
   }
 
   if (!EFI_ERROR (Status)) {
@@ -408,7 +399,7 @@ RefreshActiveRecord (
   }
 
   if (!EFI_ERROR (Status)) {
-    Status = RereadRecord (Root, ACTIVE_RECORD_PATH, Record);
+    Status = ReadWholeFile (Root, ACTIVE_RECORD_PATH, Record.Out ());
   }
 
   *Text = Record.Release ();
@@ -487,7 +478,7 @@ ValidateRequestedSourcePath (
   // Completing the record is worth a warning, not a refusal: the folder is still valid.
   Status = RecordAddSrcPart (Volume, Root, RecordPath, Text.Get ());
   if (!EFI_ERROR (Status)) {
-    Status = RereadRecord (Root, RecordPath, Text);
+    Status = ReadWholeFile (Root, RecordPath, Text.Out ());
     if (EFI_ERROR (Status)) {
       return Status;
     }
@@ -497,7 +488,7 @@ ValidateRequestedSourcePath (
 
   Status = RecordAddSrcFs (Volume, Root, RecordPath, Text.Get ());
   if (!EFI_ERROR (Status)) {
-    Status = RereadRecord (Root, RecordPath, Text);
+    Status = ReadWholeFile (Root, RecordPath, Text.Out ());
     if (EFI_ERROR (Status)) {
       return Status;
     }
@@ -526,7 +517,7 @@ ValidateRequestedSourcePath (
   UnicodeSPrint (BcdPath, sizeof (BcdPath), L16 (u"\\boot\\%s"), Context->Requested.Bcd);
   Status = RecordAddBcdMd5 (Root, RecordPath, Text.Get (), BcdPath);
   if (!EFI_ERROR (Status)) {
-    Status = RereadRecord (Root, RecordPath, Text);
+    Status = ReadWholeFile (Root, RecordPath, Text.Out ());
     if (EFI_ERROR (Status)) {
       return Status;
     }
