@@ -6,27 +6,6 @@
 #include "../app/DiagnosticLog.h"
 #include "../fs/FileAccess.h"
 
-STATIC
-INTN
-HexValue (
-  IN CHAR8  Digit
-  )
-{
-  if ((Digit >= '0') && (Digit <= '9')) {
-    return Digit - '0';
-  }
-
-  if ((Digit >= 'a') && (Digit <= 'f')) {
-    return Digit - 'a' + 10;
-  }
-
-  if ((Digit >= 'A') && (Digit <= 'F')) {
-    return Digit - 'A' + 10;
-  }
-
-  return -1;
-}
-
 EFI_STATUS
 DecodeEntryLine (
   IN  CONST CHAR8  *Line,
@@ -105,11 +84,7 @@ WalkEntryLines (
 
   *HeaderSeen = FALSE;
   for (Line = Text; (Line != nullptr) && (*Line != '\0'); Line = NextLine (Line)) {
-    UINTN  Length = 0;
-
-    while ((Line[Length] != '\0') && (Line[Length] != '\r') && (Line[Length] != '\n')) {
-      Length++;
-    }
+    UINTN  Length = LineLength (Line);
 
     if (Length == 0) {
       continue;

@@ -122,12 +122,8 @@ ParseStateFile (
   EfiSeen = FALSE;
 
   for (Line = Text; (Line != nullptr) && (*Line != '\0'); Line = NextLine (Line)) {
-    UINTN  Length = 0;
+    UINTN  Length = LineLength (Line);
     UINTN  Colon;
-
-    while ((Line[Length] != '\0') && (Line[Length] != '\r') && (Line[Length] != '\n')) {
-      Length++;
-    }
 
     for (Colon = 0; (Colon < Length) && (Line[Colon] != ':'); Colon++) {
     }

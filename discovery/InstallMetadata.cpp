@@ -552,10 +552,7 @@ LookupFsTxt (
     UINTN  Length;
 
     Next   = const_cast<CHAR8 *>(NextLine (Line));
-    Length = 0;
-    while ((Line[Length] != '\0') && (Line[Length] != '\r') && (Line[Length] != '\n')) {
-      Length++;
-    }
+    Length = LineLength (Line);
 
     Line[Length] = '\0';
     Bar          = const_cast<CHAR8 *>(FindInBuffer (Line, Line + Length, "|"));

@@ -305,6 +305,40 @@ AsciiLeafNameToChar16 (
   return AsciiToChar16 (Destination, LEAF_NAME_CHARS, Copy);
 }
 
+UINTN
+LineLength (
+  IN CONST CHAR8  *Line
+  )
+{
+  UINTN  Length = 0;
+
+  while ((Line[Length] != '\0') && (Line[Length] != '\r') && (Line[Length] != '\n')) {
+    Length++;
+  }
+
+  return Length;
+}
+
+INTN
+HexValue (
+  IN CHAR8  Character
+  )
+{
+  if ((Character >= '0') && (Character <= '9')) {
+    return Character - '0';
+  }
+
+  if ((Character >= 'a') && (Character <= 'f')) {
+    return Character - 'a' + 10;
+  }
+
+  if ((Character >= 'A') && (Character <= 'F')) {
+    return Character - 'A' + 10;
+  }
+
+  return -1;
+}
+
 CONST CHAR8 *
 NextLine (
   IN CONST CHAR8  *Position
@@ -314,10 +348,7 @@ NextLine (
     return nullptr;
   }
 
-  while ((*Position != '\0') && (*Position != '\r') && (*Position != '\n')) {
-    Position++;
-  }
-
+  Position += LineLength (Position);
   while ((*Position == '\r') || (*Position == '\n')) {
     Position++;
   }

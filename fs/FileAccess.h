@@ -72,6 +72,18 @@ AsciiLeafNameToChar16 (
   IN  CONST CHAR8  *Path
   );
 
+/** Characters of the line at Line: up to the first CR, LF or NUL. **/
+UINTN
+LineLength (
+  IN CONST CHAR8  *Line
+  );
+
+/** Value of one hexadecimal digit of either case, or -1. **/
+INTN
+HexValue (
+  IN CHAR8  Character
+  );
+
 /** Start of the next non-empty line, or null at the end of the text. **/
 CONST CHAR8 *
 NextLine (

@@ -7,6 +7,7 @@
 **/
 
 #include "Md5.h"
+#include "FileAccess.h"
 #include "Guards.h"
 
 namespace {
@@ -169,27 +170,6 @@ IsAsciiBlank (
   )
 {
   return (Character == ' ') || (Character == '\t');
-}
-
-/** Value of one hexadecimal digit, or -1. **/
-INTN
-HexValue (
-  IN CHAR8  Character
-  )
-{
-  if ((Character >= '0') && (Character <= '9')) {
-    return Character - '0';
-  }
-
-  if ((Character >= 'a') && (Character <= 'f')) {
-    return Character - 'a' + 10;
-  }
-
-  if ((Character >= 'A') && (Character <= 'F')) {
-    return Character - 'A' + 10;
-  }
-
-  return -1;
 }
 
 CONST CHAR8  mHexDigits[] = "0123456789abcdef";
@@ -450,9 +430,7 @@ FindMd5ByKey (
       return ParseMd5Text (Digest, Line + Index);
     }
 
-    while ((*Line != '\0') && (*Line != '\r') && (*Line != '\n')) {
-      Line++;
-    }
+    Line += LineLength (Line);
   }
 }
 
