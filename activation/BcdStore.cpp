@@ -167,9 +167,10 @@ RepairActiveBcd (
   StoreKeptAside = FALSE;
   Status         = FileExists (Root, ACTIVE_BCD_PATH, &Exists);
   if (!EFI_ERROR (Status)) {
+    // The store kept aside by an earlier repair may be the only copy of its bytes.
     Status = FileExists (Root, ACTIVE_BCD_BAK_PATH, &Exists);
     if (!EFI_ERROR (Status)) {
-      Status = DeleteFileVerified (Volume, Root, ACTIVE_BCD_BAK_PATH);
+      Status = KeepUnderNumberedName (Volume, Root, ACTIVE_BCD_BAK_PATH);
       if (EFI_ERROR (Status)) {
         return Status;
       }

@@ -2,7 +2,8 @@
   BCD stores are opaque; Velmaro knows them only by their MD5 digest. These operations
   decide whether the requested group is already active, repair or move a store by its
   digest, and bring the right EFI BCD store into place on NTFS and exFAT volumes.
-  A store is never deleted: it gets a group's name, "\boot\BCD_BAK" or a ".bak" name.
+  A store is never deleted: it gets a group's name, "\boot\BCD_BAK" or a ".bak" name,
+  and an older one in the way moves on to a numbered name ("\boot\BCD_BAK1", ...).
 **/
 
 #ifndef VELMARO_BCD_STORES_H_
@@ -76,8 +77,18 @@ IsRequestedGroupActive (
   IN     EFI_FILE_PROTOCOL   *Root
   );
 
-/** Puts a coherent copy of the requested store at "\boot\BCD", keeping the store that
-    was there as "\boot\BCD_BAK". **/
+/**
+  Puts a coherent copy of the requested store at "\boot\BCD", keeping the store that
+  was there as "\boot\BCD_BAK" (an older "\boot\BCD_BAK" moves on to a numbered name).
+  The backup is proved by its digest before anything moves; a copy that fails or does
+  not match is undone.
+
+  @retval EFI_SUCCESS           "\boot\BCD" now carries the requested group's digest.
+  @retval EFI_NOT_FOUND         No digest is known for the requested group.
+  @retval EFI_COMPROMISED_DATA  The backup, or the copy, does not carry that digest.
+  @retval EFI_ALREADY_STARTED   Every numbered name for an older BCD_BAK is taken.
+  @retval other                 A move, the copy or a digest failed.
+**/
 EFI_STATUS
 RepairActiveBcd (
   IN CONST ACTIVATION_CONTEXT  *Context,

@@ -183,6 +183,7 @@ FormatStateFile (
   CHAR8       Efi[VELMARO_NAME_CHARS];
   CHAR8       SrcPart[VELMARO_NAME_CHARS];
   CHAR8       SrcFs[VELMARO_FS_CHARS];
+  CHAR8       Whole[STATE_TEXT_FORMAT_BYTES];
   BOOLEAN     HasPart;
   BOOLEAN     HasFs;
   UINTN       Length;
@@ -216,16 +217,23 @@ FormatStateFile (
   }
 
   if (HasPart && HasFs) {
-    Length = AsciiSPrint (Text, STATE_TEXT_BYTES, "BCD:c:\\boot\\%a\r\nSRC:c:\\%a\r\nEFI:c:\\efi\\%a\r\nSRC_PART:%a\r\nSRC_FS:%a\r\n", Bcd, Src, Efi, SrcPart, SrcFs);
+    Length = AsciiSPrint (Whole, sizeof (Whole), "BCD:c:\\boot\\%a\r\nSRC:c:\\%a\r\nEFI:c:\\efi\\%a\r\nSRC_PART:%a\r\nSRC_FS:%a\r\n", Bcd, Src, Efi, SrcPart, SrcFs);
   } else if (HasPart) {
-    Length = AsciiSPrint (Text, STATE_TEXT_BYTES, "BCD:c:\\boot\\%a\r\nSRC:c:\\%a\r\nEFI:c:\\efi\\%a\r\nSRC_PART:%a\r\n", Bcd, Src, Efi, SrcPart);
+    Length = AsciiSPrint (Whole, sizeof (Whole), "BCD:c:\\boot\\%a\r\nSRC:c:\\%a\r\nEFI:c:\\efi\\%a\r\nSRC_PART:%a\r\n", Bcd, Src, Efi, SrcPart);
   } else if (HasFs) {
-    Length = AsciiSPrint (Text, STATE_TEXT_BYTES, "BCD:c:\\boot\\%a\r\nSRC:c:\\%a\r\nEFI:c:\\efi\\%a\r\nSRC_FS:%a\r\n", Bcd, Src, Efi, SrcFs);
+    Length = AsciiSPrint (Whole, sizeof (Whole), "BCD:c:\\boot\\%a\r\nSRC:c:\\%a\r\nEFI:c:\\efi\\%a\r\nSRC_FS:%a\r\n", Bcd, Src, Efi, SrcFs);
   } else {
-    Length = AsciiSPrint (Text, STATE_TEXT_BYTES, "BCD:c:\\boot\\%a\r\nSRC:c:\\%a\r\nEFI:c:\\efi\\%a\r\n", Bcd, Src, Efi);
+    Length = AsciiSPrint (Whole, sizeof (Whole), "BCD:c:\\boot\\%a\r\nSRC:c:\\%a\r\nEFI:c:\\efi\\%a\r\n", Bcd, Src, Efi);
   }
 
-  return (Length < 1) ? EFI_BUFFER_TOO_SMALL : EFI_SUCCESS;
+  // A cut line could end a SRC_PART in the middle, and a cut UUID would name no volume
+  // for good: a text that does not fit whole is not written at all.
+  if ((Length < 1) || (Length >= STATE_TEXT_BYTES)) {
+    return EFI_BUFFER_TOO_SMALL;
+  }
+
+  CopyMem (Text, Whole, Length + 1);
+  return EFI_SUCCESS;
 }
 
 /**

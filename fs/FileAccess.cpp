@@ -264,6 +264,8 @@ AsciiToChar16 (
 
   for (Index = 0; Source[Index] != '\0'; Index++) {
     if (Index + 1 >= Capacity) {
+      // A cut name must not be mistaken for a whole one.
+      Destination[0] = L'\0';
       return EFI_BUFFER_TOO_SMALL;
     }
 

@@ -57,6 +57,8 @@ TrimAsciiSpace (
   IN OUT CHAR8  *Text
   );
 
+/** Widens Source into Destination. EFI_BUFFER_TOO_SMALL when Source and its NUL do not
+    fit in Capacity characters; Destination is then the empty string, never a cut copy. **/
 EFI_STATUS
 AsciiToChar16 (
   OUT CHAR16       *Destination,

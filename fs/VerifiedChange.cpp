@@ -8,8 +8,25 @@
 #include "../app/DiagnosticLog.h"
 
 /**
-  SetInfo with the file's own information under a new name: the fixed part is kept as
-  GetInfo gave it (sizes, times, attributes), only Size and FileName change.
+  Clears the three times of a FILE_INFO before SetInfo. Zero means "leave unchanged";
+  passing GetInfo's own times back fails on FAT, whose driver turns a zero date on the
+  medium into a time that its SetInfo then refuses as invalid.
+**/
+STATIC
+VOID
+KeepTimes (
+  IN OUT EFI_FILE_INFO  *Info
+  )
+{
+  ZeroMem (&Info->CreateTime, sizeof (Info->CreateTime));
+  ZeroMem (&Info->LastAccessTime, sizeof (Info->LastAccessTime));
+  ZeroMem (&Info->ModificationTime, sizeof (Info->ModificationTime));
+}
+
+/**
+  SetInfo with the file's own information under a new name: sizes and attributes are
+  kept as GetInfo gave them, the times are left to the driver, and only Size and
+  FileName change.
 **/
 STATIC
 EFI_STATUS
@@ -31,6 +48,7 @@ SetFileName (
 
   CopyMem (NewInfo.Get (), Info, MIN (InfoSize, NewSize));
   NewInfo->Size = NewSize;
+  KeepTimes (NewInfo.Get ());
   CopyMem (NewInfo->FileName, NewName, StrSize (NewName));
   return File->SetInfo (File, &gEfiFileInfoGuid, NewSize, NewInfo.Get ());
 }
@@ -127,6 +145,41 @@ RenameVerified (
 }
 
 EFI_STATUS
+KeepUnderNumberedName (
+  IN EFI_HANDLE         Volume,
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Path
+  )
+{
+  CHAR16      Kept[KEPT_PATH_CHARS];
+  BOOLEAN     Exists;
+  EFI_STATUS  Status;
+
+  if ((Volume == nullptr) || (Root == nullptr) || (Path == nullptr)) {
+    return EFI_INVALID_PARAMETER;
+  }
+
+  if (StrLen (Path) + 2 >= KEPT_PATH_CHARS) {
+    return EFI_BUFFER_TOO_SMALL;
+  }
+
+  for (UINTN Number = 1; Number <= KEPT_NAME_MAX_NUMBER; Number++) {
+    UnicodeSPrint (Kept, sizeof (Kept), L16 (u"%s%u"), Path, static_cast<UINT32>(Number));
+    Status = FileExists (Root, Kept, &Exists);
+    if (Status == EFI_NOT_FOUND) {
+      LogPrint (L16 (u"%s esistente conservato come %s\n"), Path, Kept);
+      return RenameVerified (Volume, Root, Path, Kept);
+    }
+
+    if (EFI_ERROR (Status)) {
+      return Status;
+    }
+  }
+
+  return EFI_ALREADY_STARTED;
+}
+
+EFI_STATUS
 MoveAsideToBak (
   IN EFI_HANDLE         Volume,
   IN EFI_FILE_PROTOCOL  *Root,
@@ -147,14 +200,15 @@ MoveAsideToBak (
 
   UnicodeSPrint (BakPath, sizeof (BakPath), L16 (u"%s.bak"), Path);
 
-  // One ".bak" per name: an older one makes room for the new one.
+  // An older ".bak" may hold the only copy of some bytes (and FAT would refuse to
+  // delete it as soon as it is a folder with files): it moves on to a numbered name.
   Status = FileExists (Root, BakPath, &Exists);
   if (EFI_ERROR (Status) && (Status != EFI_NOT_FOUND)) {
     return Status;
   }
 
   if (Exists) {
-    Status = DeleteFileVerified (Volume, Root, BakPath);
+    Status = KeepUnderNumberedName (Volume, Root, BakPath);
     if (EFI_ERROR (Status)) {
       return Status;
     }
@@ -180,6 +234,7 @@ TruncateFile (
   }
 
   Info->FileSize = 0;
+  KeepTimes (Info.Get ());
   return File->SetInfo (File, &gEfiFileInfoGuid, InfoSize, Info.Get ());
 }
 

@@ -11,6 +11,10 @@
 /// Longest path that still has room for ".bak" in its 192-character buffer.
 #define BAK_PATH_MAX_CHARS   187
 #define BAK_PATH_CHARS       192
+/// An entry in the way is kept under the first free of "<name>1" ... "<name>99".
+#define KEPT_NAME_MAX_NUMBER  99
+/// A ".bak" path and two more digits.
+#define KEPT_PATH_CHARS       (BAK_PATH_CHARS + 2)
 /// Directory path, "\" and an entry name as stored on the volume.
 #define DIR_ENTRY_PATH_CHARS 224
 #define COPY_CHUNK_BYTES     4096
@@ -26,7 +30,25 @@ RenameVerified (
   IN CONST CHAR16       *Destination
   );
 
-/** Renames Path to Path + ".bak", first deleting (with proof) an older entry of that name. **/
+/**
+  Keeps an entry that is in the way of a new one: renames Path, verified, to the first
+  free of Path + "1" ... Path + "99". Nothing that may be a group's data is deleted to
+  make room.
+
+  @retval EFI_SUCCESS          Path now carries the numbered name, which is logged.
+  @retval EFI_ALREADY_STARTED  All 99 names are taken; nothing changed.
+  @retval EFI_BUFFER_TOO_SMALL Path leaves no room for two digits.
+  @retval other                An existence test or the rename failed.
+**/
+EFI_STATUS
+KeepUnderNumberedName (
+  IN EFI_HANDLE         Volume,
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Path
+  );
+
+/** Renames Path to Path + ".bak". An older entry of that name is first kept under a
+    numbered name (KeepUnderNumberedName), never deleted. **/
 EFI_STATUS
 MoveAsideToBak (
   IN EFI_HANDLE         Volume,
