@@ -56,7 +56,7 @@ TEST_F (RecordTest, ValidationCompletesTheRecordOnceAndTakesItsDigest) {
   EXPECT_EQ (boot.Get ("\\grp_a\\recovery.txt"),
              "ID|s-win-a\r\nSRC|grp_a\r\nSRC_PART|" + Lower (fake::BlkidUuid ("fat32")) + "\r\nSRC_FS|FAT32\r\nBCD_MD5|" + storeMd5 + "\r\n");
   EXPECT_EQ (Str (context.Requested.BcdMd5), storeMd5);
-  ExpectNoGroupDataLost (before, boot);
+  ExpectNoGroupDataLost (before, boot, groups);
 
   // A complete record is not written again: writing it would fail here and warn.
   fw.faults.Fail (Op::Write, EFI_WRITE_PROTECTED, 0, "recovery");
@@ -134,7 +134,7 @@ TEST_F (RecordTest, FailuresWhileCompletingOnlyWarnAndLoseNothing) {
     EXPECT_EQ (Validate (boot, root), row.result) << row.name;
     if (!row.line.empty ()) EXPECT_TRUE (Has (Console (), row.line)) << row.name;
     EXPECT_EQ (fw.OpenHandles (), 3) << row.name;
-    ExpectNoGroupDataLost (before, boot);
+    ExpectNoGroupDataLost (before, boot, groups);
   }
 }
 

@@ -85,28 +85,48 @@ TEST_F (VerifiedChangeTest, FolderWithOpenChildIsNotRenamed) {
   EXPECT_TRUE (boot.Exists ("\\w10\\recovery.txt"));
 }
 
-TEST_F (VerifiedChangeTest, MoveAsideReplacesAnOlderBak) {
+TEST_F (VerifiedChangeTest, MoveAsideKeepsAnOlderBakUnderTheFirstFreeNumber) {
   const std::u16string p187 = u"\\" + std::u16string (186, u'p'), p188 = u"\\" + std::u16string (187, u'p');
 
   boot.Put ("\\boot\\BCD", "wrong");
   boot.Put ("\\boot\\BCD.bak", "older");
+  boot.Put ("\\boot\\BCD.bak1", "oldest");
   EXPECT_EQ (MoveAside (u"\\boot\\BCD"), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\BCD.bak"), "wrong");
+  EXPECT_EQ (boot.Get ("\\boot\\BCD.bak1"), "oldest");
+  EXPECT_EQ (boot.Get ("\\boot\\BCD.bak2"), "older");
   EXPECT_FALSE (boot.Exists ("\\boot\\BCD"));
+  EXPECT_TRUE (Has (Console (), "] \\boot\\BCD.bak esistente conservato come \\boot\\BCD.bak2\r\n"));
+
+  // A folder that already holds files is kept as a whole, so the next move aside works.
+  boot.Put ("\\sources.bak\\keep.txt", "k");
+  boot.Put ("\\sources\\new.txt", "n");
+  EXPECT_EQ (MoveAside (u"\\sources"), EFI_SUCCESS);
+  EXPECT_EQ (boot.Get ("\\sources.bak1\\keep.txt"), "k");
+  EXPECT_EQ (boot.Get ("\\sources.bak\\new.txt"), "n");
+
+  // With every numbered name taken, nothing moves.
+  boot.Put ("\\sources\\newer.txt", "n2");
+  for (int n = 1; n <= 99; ++n) boot.Mkdir ("\\sources.bak" + std::to_string (n));
+  const auto before = boot.Snapshot ();
+  EXPECT_EQ (MoveAside (u"\\sources"), EFI_ALREADY_STARTED);
+  EXPECT_EQ (boot.Snapshot (), before);
 
   boot.Put (fake::Narrow (p187), "x");
   EXPECT_EQ (MoveAside (p187), EFI_SUCCESS);
   EXPECT_TRUE (boot.Exists (fake::Narrow (p187) + ".bak"));
+  boot.Put (fake::Narrow (p187), "y");
+  EXPECT_EQ (MoveAside (p187), EFI_SUCCESS);
+  EXPECT_EQ (boot.Get (fake::Narrow (p187) + ".bak1"), "x");
   EXPECT_EQ (MoveAside (p188), EFI_BUFFER_TOO_SMALL);
 
-  // An older ".bak" folder that still holds files cannot make room: nothing is renamed.
-  boot.Put ("\\sources.bak\\keep.txt", "k");
-  boot.Mkdir ("\\sources");
-  EXPECT_EQ (MoveAside (u"\\sources"), EFI_DEVICE_ERROR);
-  EXPECT_TRUE (boot.Exists ("\\sources"));
-  EXPECT_TRUE (boot.Exists ("\\sources.bak\\keep.txt"));
-  fw.faults.Fail (Op::Open, EFI_DEVICE_ERROR, 1, ".bak");
-  EXPECT_EQ (MoveAside (u"\\sources"), EFI_DEVICE_ERROR);
+  // A test of the older name that fails other than by absence stops before any rename.
+  fw.faults.Fail (Op::Open, EFI_MEDIA_CHANGED, 1, ".bak");
+  EXPECT_EQ (MoveAside (u"\\sources"), EFI_MEDIA_CHANGED);
+  fw.faults.Set ({ Op::Open, EFI_MEDIA_CHANGED, 1, ".bak1" });
+  boot.Remove ("\\sources.bak1");
+  EXPECT_EQ (MoveAside (u"\\sources"), EFI_MEDIA_CHANGED);
+  EXPECT_TRUE (boot.Exists ("\\sources\\newer.txt"));
   EXPECT_EQ (MoveAsideToBak (nullptr, root, W (u"\\sources")), EFI_INVALID_PARAMETER);
 }
 
