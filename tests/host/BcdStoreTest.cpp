@@ -52,13 +52,23 @@ TEST_F (BcdTest, WrongActiveStoreIsRepairedFromBackupAndKeptAside) {
   EXPECT_EQ (Active (), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\BCD"), storeA);
   EXPECT_EQ (boot.Get ("\\boot\\BCD_BAK"), stray);
+  // The store an earlier repair kept aside may be the only copy of its bytes: it moves on.
+  EXPECT_EQ (boot.Get ("\\boot\\BCD_BAK1"), "older kept store");
   // Asked again in the same run, the store kept aside survives.
   EXPECT_EQ (Active (), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\BCD_BAK"), stray);
   ExpectNoGroupDataLost (before, boot, groups);
   const std::string log = Log ();
+  EXPECT_TRUE (Has (log, "] \\boot\\BCD_BAK esistente conservato come \\boot\\BCD_BAK1\r\n"));
   EXPECT_TRUE (Has (log, "] BCD atomico: \\boot\\BCD presente ma non coerente, sposto in \\boot\\BCD_BAK\r\n"));
   EXPECT_TRUE (Has (log, "] BCD atomico: recupero BCD coerente da \\boot\\backup\\bcd_a\r\n"));
+
+  // With every numbered name taken, the repair moves nothing.
+  boot.Put ("\\boot\\BCD", stray + " again");
+  for (int n = 1; n <= 99; ++n) boot.Put ("\\boot\\BCD_BAK" + std::to_string (n), "kept " + std::to_string (n));
+  const auto full = boot.Snapshot ();
+  EXPECT_EQ (RepairActiveBcd (&context, boot.Handle (), root), EFI_ALREADY_STARTED);
+  EXPECT_EQ (boot.Snapshot (), full);
 }
 
 TEST_F (BcdTest, RepairThatCannotSucceedChangesNoName) {
@@ -67,9 +77,13 @@ TEST_F (BcdTest, RepairThatCannotSucceedChangesNoName) {
     { "backup damaged", "damaged backup", {} },
     { "backup missing", nullptr, {} },
     { "copy fails", "store of group a", { Op::Write, EFI_VOLUME_FULL, 1, "\\boot\\BCD" } },
+    { "copy written short", "store of group a", { Op::Write, 0, 1, "\\boot\\BCD", Effect::Short } },
+    { "copy claimed but not written", "store of group a", { Op::Write, 0, 1, "\\boot\\BCD", Effect::NoEffect } },
   };
 
   boot.Put ("\\boot\\BCD", stray);
+  // An older ".bak" holds the only copy of its bytes: the undo must keep it.
+  boot.Put ("\\boot\\BCD.bak", "only copy of an older store");
   for (const auto &row : rows) {
     boot.Remove ("\\boot\\backup\\bcd_a");
     if (row.backup != nullptr) boot.Put ("\\boot\\backup\\bcd_a", row.backup);
@@ -80,18 +94,23 @@ TEST_F (BcdTest, RepairThatCannotSucceedChangesNoName) {
     EXPECT_FALSE (boot.Exists ("\\boot\\BCD_BAK")) << row.name;
     ExpectNoGroupDataLost (before, boot, groups);
   }
-  // The failed copy was kept aside, not deleted.
+  // The failed copies were kept aside, not deleted, and so was the older one.
   EXPECT_TRUE (boot.Exists ("\\boot\\BCD.bak"));
+  EXPECT_EQ (boot.Get ("\\boot\\BCD.bak1"), "only copy of an older store");
 }
 
 TEST_F (BcdTest, StrayStoreGoesToItsOwnersName) {
   // digestB: the content of \boot\backup\bcd_b.md5
-  const struct { const char *name; std::string xml, record; std::string digestB; const char *movedTo; } rows[] = {
+  // taken: \boot\bcd_b already holds another store
+  const struct { const char *name; std::string xml, record; std::string digestB; const char *movedTo; bool taken = false; } rows[] = {
     { "install metadata", "<software ID=\"s-win-b\" Der=\"Windows velmaro\"><BCD_MD5>" + Md5Hex (storeB) + "</BCD_MD5><BCD>bcd_b</BCD></software>",
       "", "", "\\boot\\bcd_b" },
     { "active record", "", "ID|s-win-b\r\nBCD_MD5|" + Md5Hex (storeB) + "\r\n", "", "\\boot\\bcd_b" },
     { "digest files", "", "", Md5Hex (storeB), "\\boot\\bcd_b" },
     { "nobody", "", "", Md5Hex (storeA), "\\boot\\BCD.bak" },
+    { "owner's name taken", "", "ID|s-win-b\r\nBCD_MD5|" + Md5Hex (storeB) + "\r\n", "", "\\boot\\BCD.bak", true },
+    { "install metadata names a taken name", "<software ID=\"s-win-b\" Der=\"Windows velmaro\"><BCD_MD5>" + Md5Hex (storeB) + "</BCD_MD5><BCD>bcd_b</BCD></software>",
+      "", Md5Hex (storeB), "\\boot\\BCD.bak", true },
   };
 
   for (const auto &row : rows) {
@@ -102,12 +121,29 @@ TEST_F (BcdTest, StrayStoreGoesToItsOwnersName) {
     boot.Put ("\\sources\\recovery.txt", row.record.empty () ? "ID|s-win-a\r\n" : row.record);
     boot.Put ("\\boot\\backup\\bcd_b.md5", row.digestB);
     boot.Put ("\\boot\\BCD.bak", "older bak");
+    boot.Remove ("\\boot\\BCD.bak1");
+    if (row.taken) boot.Put ("\\boot\\bcd_b", "another store of b");
     const auto before = boot.Snapshot ();
+    fw.console.clear ();
     EXPECT_EQ (Normalize (), EFI_SUCCESS) << row.name;
     EXPECT_EQ (boot.Get (row.movedTo), storeB) << row.name;
     EXPECT_FALSE (boot.Exists ("\\boot\\BCD")) << row.name;
+    EXPECT_EQ (boot.Get (row.movedTo == std::string ("\\boot\\BCD.bak") ? "\\boot\\BCD.bak1" : "\\boot\\BCD.bak"), "older bak") << row.name;
+    if (row.taken) EXPECT_EQ (boot.Get ("\\boot\\bcd_b"), "another store of b") << row.name;
+    EXPECT_EQ (Has (Console (), "] Recovery BCD: MD5 trovato in software.xml, ripristino \\boot\\BCD -> \\boot\\bcd_b\r\n"),
+               !row.xml.empty () && !row.taken) << row.name;
     ExpectNoGroupDataLost (before, boot, groups);
   }
+
+  // Install metadata that cannot be read is reported and the other sources decide.
+  boot.Put ("\\boot\\BCD", storeB);
+  boot.Remove ("\\boot\\bcd_b");
+  boot.Put ("\\ZENTO\\software.xml", "<software>");
+  fw.faults.Set ({ Op::Read, EFI_VOLUME_CORRUPTED, 1, "software.xml" });
+  fw.console.clear ();
+  EXPECT_EQ (Normalize (), EFI_SUCCESS);
+  EXPECT_EQ (boot.Get ("\\boot\\bcd_b"), storeB);
+  EXPECT_TRUE (Has (Console (), "] WARN: software.xml non usabile per identificare BCD \\boot\\BCD: Volume Corrupt (0x800000000000000A)\r\n"));
 }
 
 TEST_F (BcdTest, StoreClaimedByTwoDigestFilesIsNamedByNeither) {
@@ -204,7 +240,45 @@ TEST_F (EfiBcdTest, CopiesAreTakenFromOutsideTheActiveFolderAndLeftInPlace) {
   EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\bcd_b.bak"), stray);
   EXPECT_EQ (ntfs.Get ("\\efi\\efi_b\\boot\\BCD"), "damaged");
   ExpectNoGroupDataLost (before, ntfs, groups);
-  EXPECT_TRUE (Has (Log (), "] BCD EFI \\efi\\microsoft\\boot\\bcd_b non attribuibile agli stati noti, sposto in .bak\r\n"));
+  const std::string log = Log ();
+  EXPECT_TRUE (Has (log, "] BCD EFI \\efi\\microsoft\\boot\\bcd_b non attribuibile agli stati noti, sposto in .bak\r\n"));
+  EXPECT_TRUE (Has (log, "] BCD EFI fallback non valido \\efi\\efi_b\\boot\\BCD: Compromised Data (0x8000000000000021)\r\n"));
+}
+
+TEST_F (EfiBcdTest, DuplicatesAndFailedCopiesAreKeptAsideAndTheNextSourceTried) {
+  // A second copy of the current group's store: its owner's name is taken, so it goes
+  // to ".bak", never away.
+  ntfs.Put ("\\efi\\microsoft\\boot\\BCD", efiA);
+  ntfs.Put ("\\efi\\microsoft\\boot\\bcd_a", efiA);
+  ntfs.Put ("\\efi\\microsoft\\boot\\bcd_b", efiB);
+  EXPECT_EQ (Prepare (), EFI_SUCCESS);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\BCD"), efiB);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\BCD.bak"), efiA);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\bcd_a"), efiA);
+  EXPECT_TRUE (Has (Console (), "] BCD EFI duplicato gia identificato, preservo il nome \\efi\\microsoft\\boot\\bcd_a tramite .bak\r\n"));
+
+  // A copy the driver claims but does not write is caught by its digest; the next
+  // source is copied over it.
+  ntfs.Remove ("\\efi\\microsoft\\boot\\BCD");
+  ntfs.Put ("\\efi\\efi_b\\boot\\BCD", efiB);
+  ntfs.Put ("\\efi\\microsoft\\boot\\backup\\bcd_b", efiB);
+  ntfs.Put ("\\efi\\efi_b\\boot\\backup\\bcd_b", efiB);
+  fw.faults.Set ({ Op::Write, 0, 1, "microsoft\\boot\\BCD", Effect::NoEffect });
+  fw.console.clear ();
+  EXPECT_EQ (Prepare (), EFI_SUCCESS);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\BCD"), efiB);
+  EXPECT_TRUE (Has (Console (), "] WARN: BCD EFI originale cartella EFI fallito, provo backup microsoft: Compromised Data (0x8000000000000021)\r\n"));
+
+  // A copy of the microsoft backup that fails is reported and the group's own backup used.
+  ntfs.Remove ("\\efi\\microsoft\\boot\\BCD");
+  ntfs.Remove ("\\efi\\efi_b\\boot\\BCD");
+  fw.faults.Set ({ Op::Write, EFI_VOLUME_FULL, 1, "microsoft\\boot\\BCD" });
+  fw.console.clear ();
+  EXPECT_EQ (Prepare (), EFI_SUCCESS);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\BCD"), efiB);
+  EXPECT_TRUE (Has (Console (), "] WARN: fallback BCD EFI backup microsoft fallito, provo backup EFI: Device Error (0x8000000000000007)\r\n"));
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\backup\\bcd_b"), efiB);
+  EXPECT_EQ (ntfs.Get ("\\efi\\efi_b\\boot\\backup\\bcd_b"), efiB);
 }
 
 TEST_F (EfiBcdTest, NothingIsPlacedWithoutADigestOrACoherentStore) {

@@ -123,6 +123,7 @@ TEST (TextWalkers, TrimAndWiden) {
   EXPECT_EQ (AsciiToChar16 (wide, 4, A ("abc")), EFI_SUCCESS);
   EXPECT_EQ (Str (wide), "abc");
   EXPECT_EQ (AsciiToChar16 (wide, 3, A ("abc")), EFI_BUFFER_TOO_SMALL);
+  EXPECT_EQ (wide[0], 0) << "a cut copy must not read as a name";
   EXPECT_EQ (AsciiToChar16 (wide, 0, A ("")), EFI_INVALID_PARAMETER);
   EXPECT_EQ (AsciiToChar16 (wide, 4, nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ (AsciiToChar16 (wide, 4, A ("\xE9")), EFI_SUCCESS);

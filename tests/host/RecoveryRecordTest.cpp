@@ -118,6 +118,7 @@ TEST_F (RecordTest, FailuresWhileCompletingOnlyWarnAndLoseNothing) {
   const struct { const char *name; fake::Fault fault; EFI_STATUS result; std::string line; } rows[] = {
     { "UUID unreadable", { Op::ReadBlocks, EFI_DEVICE_ERROR }, EFI_SUCCESS, warn },
     { "record write fails", { Op::Write, EFI_VOLUME_FULL, 1, "recovery" }, EFI_SUCCESS, warn },
+    { "record written short", { Op::Write, 0, 1, "recovery", Effect::Short }, EFI_SUCCESS, warn },
     { "store unreadable", { Op::Read, EFI_DEVICE_ERROR, 0, "bcd_a" }, EFI_SUCCESS,
       "] WARN: recovery valido senza BCD_MD5, aggiornamento \\grp_a\\recovery.txt non riuscito: Device Error (0x8000000000000007)\r\n" },
     { "record unreadable", { Op::Read, EFI_DEVICE_ERROR, 1, "recovery" }, EFI_DEVICE_ERROR, "" },

@@ -100,14 +100,25 @@ TEST_F (StateFileTest, FailuresGiveTheirStatusAndKeepWhatTheySay) {
   EXPECT_TRUE (Has (Log (), "] Ripristino atomico: VELMARO.COM reset verificato: Compromised Data (0x8000000000000021)\r\n"));
 }
 
-TEST_F (StateFileTest, UnwritableNameLeavesTheFileUntouched) {
-  GROUP_STATE state = State ("b", "s", "e");
-  state.Efi[0]      = 0x100;
-  boot.Put ("\\boot\\VELMARO.COM", "keep");
-  fw.faults.Reset ();
-  EXPECT_EQ (WriteStateFile (root, &state), EFI_BUFFER_TOO_SMALL);
-  EXPECT_EQ (boot.Get ("\\boot\\VELMARO.COM"), "keep");
-  EXPECT_EQ (fw.faults.Calls (Op::Open), 0u);
+// A record that cannot be written whole is not written at all: a cut SRC_PART would
+// name no partition for good.
+TEST_F (StateFileTest, UnwritableStateLeavesTheFileUntouched) {
+  const std::string name (127, 'n');
+  GROUP_STATE       fits = State (name, name, name, std::string (70, 'u'), "NTFS"), over = fits, wide = State ("b", "s", "e");
+  SetField (over.SrcPart, std::string (71, 'u'));
+  wide.Efi[0] = 0x100;
+
+  CHAR8 text[STATE_TEXT_BYTES];
+  ASSERT_EQ (FormatStateFile (&fits, text), EFI_SUCCESS);
+  EXPECT_EQ (Str (text).size (), STATE_TEXT_BYTES - 1u);
+  EXPECT_EQ (Str (text).substr (Str (text).size () - 15), "\r\nSRC_FS:NTFS\r\n");
+  for (const GROUP_STATE &state : { over, wide }) {
+    boot.Put ("\\boot\\VELMARO.COM", "keep");
+    fw.faults.Reset ();
+    EXPECT_EQ (WriteStateFile (root, &state), EFI_BUFFER_TOO_SMALL);
+    EXPECT_EQ (boot.Get ("\\boot\\VELMARO.COM"), "keep");
+    EXPECT_EQ (fw.faults.Calls (Op::Open), 0u);
+  }
 }
 
 }  // namespace
