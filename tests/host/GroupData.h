@@ -153,7 +153,7 @@ inline void ExpectNoGroupDataLost (const VolumeSnapshot &beforeAsStored, const f
 // roots and the log open; the entries file knows groups a and b, and the run asks for a.
 class StickTest : public HostTest {
  protected:
-  fake::Volume        &ntfs    = fw.AddVolume ();
+  fake::Volume        &ntfs    = fw.AddVolume (fake::Fs::Ntfs);
   EFI_FILE_PROTOCOL   *ntfsRoot = nullptr;
   ACTIVATION_CONTEXT  context  = {};
   std::string         entries  = EncodeEntriesFile ({ "ID:s-win-a BCD:bcd_a SRC:grp_a EFI:efi_a", "ID:s-win-b BCD:bcd_b SRC:grp_b EFI:efi_b" });

@@ -14,6 +14,18 @@
 #include <Protocol/SimpleTextOut.h>
 #include <Protocol/UgaDraw.h>
 #include <Guid/PcAnsi.h>
+#include <Guid/FileSystemVolumeLabelInfo.h>
+#include <Guid/GlobalVariable.h>
+#include <Protocol/ComponentName.h>
+#include <Protocol/ComponentName2.h>
+#include <Protocol/DiskIo.h>
+#include <Protocol/DiskIo2.h>
+#include <Protocol/DriverBinding.h>
+#include <Protocol/DriverConfiguration.h>
+#include <Protocol/DriverConfiguration2.h>
+#include <Protocol/DriverDiagnostics.h>
+#include <Protocol/DriverDiagnostics2.h>
+#include <Protocol/UnicodeCollation.h>
 
 EFI_GUID  gEfiFileInfoGuid                        = EFI_FILE_INFO_ID;
 EFI_GUID  gEfiFileSystemInfoGuid                  = EFI_FILE_SYSTEM_INFO_ID;
@@ -39,3 +51,18 @@ EFI_GUID  gEfiVirtualCdGuid                       = EFI_VIRTUAL_CD_GUID;
 EFI_GUID  gEfiPersistentVirtualDiskGuid           = EFI_PERSISTENT_VIRTUAL_DISK_GUID;
 EFI_GUID  gEfiPersistentVirtualCdGuid             = EFI_PERSISTENT_VIRTUAL_CD_GUID;
 EFI_GUID  gEfiDebugPortProtocolGuid               = { 0xEBA4E8D2, 0x3858, 0x41EC, { 0xA2, 0x81, 0x26, 0x47, 0xBA, 0x96, 0x60, 0xD0 } };
+
+/* Those of the FAT driver, the English collation and the driver model library. */
+EFI_GUID  gEfiComponentNameProtocolGuid           = EFI_COMPONENT_NAME_PROTOCOL_GUID;
+EFI_GUID  gEfiComponentName2ProtocolGuid          = EFI_COMPONENT_NAME2_PROTOCOL_GUID;
+EFI_GUID  gEfiDiskIoProtocolGuid                  = EFI_DISK_IO_PROTOCOL_GUID;
+EFI_GUID  gEfiDiskIo2ProtocolGuid                 = EFI_DISK_IO2_PROTOCOL_GUID;
+EFI_GUID  gEfiDriverBindingProtocolGuid           = EFI_DRIVER_BINDING_PROTOCOL_GUID;
+EFI_GUID  gEfiDriverConfigurationProtocolGuid     = EFI_DRIVER_CONFIGURATION_PROTOCOL_GUID;
+EFI_GUID  gEfiDriverConfiguration2ProtocolGuid    = EFI_DRIVER_CONFIGURATION2_PROTOCOL_GUID;
+EFI_GUID  gEfiDriverDiagnosticsProtocolGuid       = EFI_DRIVER_DIAGNOSTICS_PROTOCOL_GUID;
+EFI_GUID  gEfiDriverDiagnostics2ProtocolGuid      = EFI_DRIVER_DIAGNOSTICS2_PROTOCOL_GUID;
+EFI_GUID  gEfiFileSystemVolumeLabelInfoIdGuid     = EFI_FILE_SYSTEM_VOLUME_LABEL_ID;
+EFI_GUID  gEfiGlobalVariableGuid                  = EFI_GLOBAL_VARIABLE;
+EFI_GUID  gEfiUnicodeCollationProtocolGuid        = EFI_UNICODE_COLLATION_PROTOCOL_GUID;
+EFI_GUID  gEfiUnicodeCollation2ProtocolGuid       = EFI_UNICODE_COLLATION_PROTOCOL2_GUID;

@@ -18,5 +18,10 @@
 #define _PCD_VALUE_PcdMaximumDevicePathNodeCount                  0U
 #define _PCD_GET_MODE_8_PcdDebugPropertyMask                      0U
 #define _PCD_GET_MODE_32_PcdFixedDebugPrintErrorLevel             0xFFFFFFFFU
+/* The FAT driver and the English collation: RFC 4646 first, ISO 639-2 as fallback. */
+#define _PCD_GET_MODE_PTR_PcdUefiVariableDefaultPlatformLang      ((VOID *)"en-US")
+#define _PCD_GET_MODE_PTR_PcdUefiVariableDefaultLang              ((VOID *)"eng")
+#define _PCD_GET_MODE_BOOL_PcdUnicodeCollationSupport             1
+#define _PCD_GET_MODE_BOOL_PcdUnicodeCollation2Support            1
 
 #endif

@@ -3,6 +3,7 @@
 // boot sectors come from the real formatting tools, so that our reading of them is checked
 // against what those tools write and what blkid reads back.
 #include "Firmware.h"
+#include "Internal.h"
 
 #include <gtest/gtest.h>
 
@@ -15,21 +16,72 @@
 #include <iterator>
 
 namespace fake {
+
+// --- Disk ------------------------------------------------------------------------
+
+Disk::Disk (const std::vector<uint8_t> &bytes) : size_ (bytes.size ()) {
+  auto chunks = std::make_shared<Chunks>();
+  for (uint64_t at = 0; at < bytes.size (); at += kChunk) {
+    const size_t n = std::min<uint64_t>(kChunk, bytes.size () - at);
+    if (std::any_of (bytes.begin () + at, bytes.begin () + at + n, [](uint8_t b) { return b != 0; })) {
+      std::vector<uint8_t> &chunk = (*chunks)[at / kChunk];
+      chunk.assign (kChunk, 0);
+      std::copy (bytes.begin () + at, bytes.begin () + at + n, chunk.begin ());
+    }
+  }
+  base_ = std::move (chunks);
+}
+
+void Disk::Read (uint64_t offset, void *buffer, size_t count) const {
+  uint8_t *out = static_cast<uint8_t *>(buffer);
+  while (count > 0) {
+    const uint64_t index = offset / kChunk, within = offset % kChunk;
+    const size_t   n     = std::min<uint64_t>(count, kChunk - within);
+    const std::vector<uint8_t> *chunk = nullptr;
+    if (auto w = written_.find (index); w != written_.end ()) chunk = &w->second;
+    else if (base_) {
+      if (auto b = base_->find (index); b != base_->end ()) chunk = &b->second;
+    }
+    if (chunk != nullptr) std::memcpy (out, chunk->data () + within, n);
+    else std::memset (out, 0, n);
+    out += n, offset += n, count -= n;
+  }
+}
+
+void Disk::Write (uint64_t offset, const void *buffer, size_t count) {
+  const uint8_t *in = static_cast<const uint8_t *>(buffer);
+  while (count > 0) {
+    const uint64_t index = offset / kChunk, within = offset % kChunk;
+    const size_t   n     = std::min<uint64_t>(count, kChunk - within);
+    auto w = written_.find (index);
+    if (w == written_.end ()) {
+      std::vector<uint8_t> chunk (kChunk, 0);
+      Read (index * kChunk, chunk.data (), kChunk);
+      w = written_.emplace (index, std::move (chunk)).first;
+    }
+    std::memcpy (w->second.data () + within, in, n);
+    in += n, offset += n, count -= n;
+  }
+}
+
+std::vector<uint8_t> Disk::Bytes () const {
+  std::vector<uint8_t> bytes (size_);
+  Read (0, bytes.data (), bytes.size ());
+  return bytes;
+}
+
 namespace {
 
-EFI_STATUS EFIAPI BlockRead (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LBA lba, UINTN size, VOID *buffer) {
+BlockDevice *DeviceOf (const EFI_BLOCK_IO_PROTOCOL *self) {
   auto &devices = Firmware::Current ().blockDevices;
   auto it       = std::find_if (devices.begin (), devices.end (), [&](const auto &d) { return &d->proto == self; });
-  if (it == devices.end ()) {
-    ADD_FAILURE () << "Block I/O call on a protocol the fake never installed";
-    return EFI_DEVICE_ERROR;
-  }
-  BlockDevice &device = **it;
-  device.reads.push_back ({ lba, size });
-  // A fault returns its status untouched: Fail an error, NoEffect success with nothing read.
-  if (const Fault *f = Firmware::Current ().faults.Check (Op::ReadBlocks)) return f->status;
+  if (it != devices.end ()) return it->get ();
+  ADD_FAILURE () << "Block I/O call on a protocol the fake never installed";
+  return nullptr;
+}
 
-  const EFI_BLOCK_IO_MEDIA *media = self->Media;
+// The checks a block driver makes before it moves bytes.
+EFI_STATUS CheckRequest (const EFI_BLOCK_IO_MEDIA *media, UINT32 mediaId, EFI_LBA lba, UINTN size, const VOID *buffer) {
   if (buffer == nullptr) return EFI_INVALID_PARAMETER;
   if (media == nullptr || !media->MediaPresent) return EFI_NO_MEDIA;
   if (mediaId != media->MediaId) return EFI_MEDIA_CHANGED;
@@ -38,8 +90,26 @@ EFI_STATUS EFIAPI BlockRead (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LB
   UINT64 blocks = size / media->BlockSize;
   if (lba > media->LastBlock || blocks - 1 > media->LastBlock - lba) return EFI_INVALID_PARAMETER;
   if (media->IoAlign > 1 && reinterpret_cast<uintptr_t>(buffer) % media->IoAlign != 0) return EFI_INVALID_PARAMETER;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI BlockRead (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LBA lba, UINTN size, VOID *buffer) {
+  BlockDevice *found = DeviceOf (self);
+  if (found == nullptr) return EFI_DEVICE_ERROR;
+  BlockDevice &device = *found;
+  device.reads.push_back ({ lba, size });
+  // A fault returns its status untouched: Fail an error, NoEffect success with nothing read.
+  if (const Fault *f = Firmware::Current ().faults.Check (Op::ReadBlocks)) return f->status;
+
+  const EFI_BLOCK_IO_MEDIA *media = self->Media;
+  EFI_STATUS status = CheckRequest (media, mediaId, lba, size, buffer);
+  if (EFI_ERROR (status) || size == 0) return status;
 
   uint64_t offset = lba * media->BlockSize;
+  if (device.disk) {
+    device.disk->Read (offset, buffer, size);
+    return EFI_SUCCESS;
+  }
   std::memset (buffer, 0, size);
   if (offset < device.bytes.size ()) {
     std::memcpy (buffer, device.bytes.data () + offset, std::min<uint64_t>(size, device.bytes.size () - offset));
@@ -47,9 +117,61 @@ EFI_STATUS EFIAPI BlockRead (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LB
   return EFI_SUCCESS;
 }
 
+// Only a disk's medium takes writes; a boot-sector-only device is a read-only medium.
+EFI_STATUS EFIAPI BlockWrite (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LBA lba, UINTN size, VOID *buffer) {
+  BlockDevice *device = DeviceOf (self);
+  if (device == nullptr) return EFI_DEVICE_ERROR;
+  if (!device->disk || (self->Media != nullptr && self->Media->ReadOnly)) return EFI_WRITE_PROTECTED;
+  EFI_STATUS status = CheckRequest (self->Media, mediaId, lba, size, buffer);
+  if (!EFI_ERROR (status) && size > 0) device->disk->Write (lba * self->Media->BlockSize, buffer, size);
+  return status;
+}
+
 EFI_STATUS EFIAPI BlockReset (EFI_BLOCK_IO_PROTOCOL *, BOOLEAN) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI BlockWrite (EFI_BLOCK_IO_PROTOCOL *, UINT32, EFI_LBA, UINTN, VOID *) { return EFI_WRITE_PROTECTED; }
 EFI_STATUS EFIAPI BlockFlush (EFI_BLOCK_IO_PROTOCOL *) { return EFI_SUCCESS; }
+
+// --- Disk I/O: byte offsets, no alignment, over the same medium -------------------
+
+EFI_STATUS DiskAccess (BlockDevice &device, UINT32 mediaId, UINT64 offset, UINTN size, VOID *buffer, bool write) {
+  const EFI_BLOCK_IO_MEDIA *media = &device.media;
+  if (!media->MediaPresent) return EFI_NO_MEDIA;
+  if (mediaId != media->MediaId) return EFI_MEDIA_CHANGED;
+  if (write && media->ReadOnly) return EFI_WRITE_PROTECTED;
+  if (size == 0) return EFI_SUCCESS;
+  if (buffer == nullptr) return EFI_INVALID_PARAMETER;
+  const uint64_t end = (media->LastBlock + 1) * media->BlockSize;
+  if (offset > end || size > end - offset) return EFI_INVALID_PARAMETER;
+  if (write) device.disk->Write (offset, buffer, size);
+  else device.disk->Read (offset, buffer, size);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI DiskRead (EFI_DISK_IO_PROTOCOL *self, UINT32 mediaId, UINT64 offset, UINTN size, VOID *buffer) {
+  return DiskAccess (*reinterpret_cast<DiskIoPort *>(self)->device, mediaId, offset, size, buffer, false);
+}
+
+EFI_STATUS EFIAPI DiskWrite (EFI_DISK_IO_PROTOCOL *self, UINT32 mediaId, UINT64 offset, UINTN size, VOID *buffer) {
+  return DiskAccess (*reinterpret_cast<DiskIoPort *>(self)->device, mediaId, offset, size, buffer, true);
+}
+
+EFI_STATUS Complete (EFI_DISK_IO2_TOKEN *token, EFI_STATUS status) {
+  if (token == nullptr || token->Event == nullptr || EFI_ERROR (status)) return status;
+  token->TransactionStatus = status;
+  Firmware::Current ().SignalEvent (token->Event);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI DiskCancel (EFI_DISK_IO2_PROTOCOL *) { return EFI_SUCCESS; }
+
+EFI_STATUS EFIAPI DiskReadEx (EFI_DISK_IO2_PROTOCOL *self, UINT32 mediaId, UINT64 offset, EFI_DISK_IO2_TOKEN *token, UINTN size, VOID *buffer) {
+  return Complete (token, DiskAccess (*reinterpret_cast<DiskIo2Port *>(self)->device, mediaId, offset, size, buffer, false));
+}
+
+EFI_STATUS EFIAPI DiskWriteEx (EFI_DISK_IO2_PROTOCOL *self, UINT32 mediaId, UINT64 offset, EFI_DISK_IO2_TOKEN *token, UINTN size, VOID *buffer) {
+  return Complete (token, DiskAccess (*reinterpret_cast<DiskIo2Port *>(self)->device, mediaId, offset, size, buffer, true));
+}
+
+EFI_STATUS EFIAPI DiskFlushEx (EFI_DISK_IO2_PROTOCOL *, EFI_DISK_IO2_TOKEN *token) { return Complete (token, EFI_SUCCESS); }
 
 // --- Device paths --------------------------------------------------------------
 
@@ -80,13 +202,15 @@ std::vector<uint8_t> WithPartition (const std::vector<uint8_t> &disk, uint32_t n
 
 // --- Boot sectors by the real tools --------------------------------------------
 
-struct ToolImage { std::vector<uint8_t> firstBytes; std::string uuid; };
+struct ToolImage { std::vector<uint8_t> firstBytes; std::string uuid; std::shared_ptr<Disk> whole; };
 
 // Sizes are the smallest each tool accepts for that layout, with room to spare; the
 // images are sparse and deleted at once.
 struct Recipe { const char *kind, *tool, *package, *size, *options; };
 const Recipe kRecipes[] = {
-  { "fat32", "mkfs.fat", "dosfstools", "64M", "-F 32" },
+  // Every FAT volume starts as this image: FAT32's least cluster count at one sector per
+  // cluster, so that copies stay small.
+  { "fat32", "mkfs.fat", "dosfstools", "33M", "-F 32 -s 1" },
   { "fat16", "mkfs.fat", "dosfstools", "16M", "-F 16" },
   { "ntfs", "mkntfs", "ntfs-3g", "8M", "-F -f -Q" },
   { "exfat", "mkfs.exfat", "exfatprogs", "8M", "" },
@@ -136,8 +260,10 @@ const ToolImage *MadeByTool (const std::string &kind) {
   if (!ok) ADD_FAILURE () << recipe->tool << " " << recipe->options << " failed:\n" << log;
   if (ok) {
     std::ifstream in (image, std::ios::binary);
-    in.read (reinterpret_cast<char *>(result.firstBytes.data ()), 4096);
-    if (!(ok = in.gcount () == 4096)) ADD_FAILURE () << recipe->tool << " left an image shorter than 4096 bytes";
+    std::vector<uint8_t> whole ((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!(ok = whole.size () >= 4096)) ADD_FAILURE () << recipe->tool << " left an image shorter than 4096 bytes";
+    if (ok) std::copy (whole.begin (), whole.begin () + 4096, result.firstBytes.begin ());
+    if (ok && kind == std::string ("fat32")) result.whole = std::make_shared<Disk>(whole);
     // -c /dev/null: blkid probes the image itself and leaves the system's cache alone.
     result.uuid = Output ("blkid -c /dev/null -o value -s UUID '" + image + "'");
     if (ok && result.uuid.empty ()) {
@@ -152,17 +278,54 @@ const ToolImage *MadeByTool (const std::string &kind) {
 
 }  // namespace
 
+// On a FAT volume's handle, the bytes its own medium starts with change nothing: the Block
+// I/O stays that of the disk the driver reads. Other bytes give the handle another Block
+// I/O (the driver keeps reading its disk).
 BlockDevice &Firmware::AddBlockIo (EFI_HANDLE handle, const std::vector<uint8_t> &firstBlocks, UINT32 blockSize, bool logicalPartition) {
+  for (const auto &existing : blockDevices) {
+    if (existing->handle != handle || !existing->disk || FindRaw (handle, gEfiBlockIoProtocolGuid) != &existing->proto) continue;
+    std::vector<uint8_t> start (firstBlocks.size ());
+    existing->disk->Read (0, start.data (), start.size ());
+    if (start == firstBlocks && blockSize == existing->media.BlockSize && logicalPartition == existing->media.LogicalPartition) return *existing;
+  }
   auto device    = std::make_unique<BlockDevice>();
   device->handle = handle;
   device->bytes  = firstBlocks;
   device->media  = { 1, TRUE, TRUE, logicalPartition, FALSE, FALSE, blockSize, 0,
-                     blockSize == 0 || firstBlocks.empty () ? 0 : (firstBlocks.size () + blockSize - 1) / blockSize - 1 };
+                     blockSize == 0 || firstBlocks.empty () ? 0 : (firstBlocks.size () + blockSize - 1) / blockSize - 1, 0, 0, 0 };
   device->proto  = { EFI_BLOCK_IO_PROTOCOL_REVISION, &device->media, BlockReset, BlockRead, BlockWrite, BlockFlush };
   Uninstall (handle, gEfiBlockIoProtocolGuid);
   blockDevices.push_back (std::move (device));
   Install (handle, gEfiBlockIoProtocolGuid, &blockDevices.back ()->proto);
   return *blockDevices.back ();
+}
+
+BlockDevice &AddDiskDevice (Firmware &fw, EFI_HANDLE handle, std::shared_ptr<Disk> disk) {
+  auto device     = std::make_unique<BlockDevice>();
+  device->handle  = handle;
+  device->disk    = std::move (disk);
+  device->media   = { 1, TRUE, TRUE, TRUE, FALSE, FALSE, 512, 0, device->disk->Size () / 512 - 1, 0, 0, 0 };
+  device->proto   = { EFI_BLOCK_IO_PROTOCOL_REVISION, &device->media, BlockReset, BlockRead, BlockWrite, BlockFlush };
+  device->diskIo  = { { EFI_DISK_IO_PROTOCOL_REVISION, DiskRead, DiskWrite }, device.get () };
+  device->diskIo2 = { { EFI_DISK_IO2_PROTOCOL_REVISION, DiskCancel, DiskReadEx, DiskWriteEx, DiskFlushEx }, device.get () };
+  fw.Install (handle, gEfiBlockIoProtocolGuid, &device->proto);
+  fw.Install (handle, gEfiDiskIoProtocolGuid, &device->diskIo.proto);
+  fw.Install (handle, gEfiDiskIo2ProtocolGuid, &device->diskIo2.proto);
+  fw.blockDevices.push_back (std::move (device));
+  return *fw.blockDevices.back ();
+}
+
+void RemoveDevice (Firmware &fw, BlockDevice *device) {
+  fw.Uninstall (device->handle, gEfiDiskIo2ProtocolGuid);
+  fw.Uninstall (device->handle, gEfiDiskIoProtocolGuid);
+  if (fw.FindRaw (device->handle, gEfiBlockIoProtocolGuid) == &device->proto) fw.Uninstall (device->handle, gEfiBlockIoProtocolGuid);
+  auto &all = fw.blockDevices;
+  all.erase (std::remove_if (all.begin (), all.end (), [&](const auto &d) { return d.get () == device; }), all.end ());
+}
+
+Disk FormattedFat32 () {
+  const ToolImage *image = MadeByTool ("fat32");
+  return image == nullptr || !image->whole ? Disk () : *image->whole;
 }
 
 void Firmware::SetDevicePath (EFI_HANDLE handle, std::vector<uint8_t> bytes) {

@@ -1,9 +1,11 @@
-// In-memory volumes behind EFI_SIMPLE_FILE_SYSTEM_PROTOCOL / EFI_FILE_PROTOCOL,
-// answering as the firmware's FAT driver does (FatPkg/EnhancedFatDxe): names match
-// without regard to ASCII case and keep their spelling, a FileName starting with "\"
-// resolves from the root, SetInfo refuses the root, read-only handles, existing names
-// and directories with open children; Delete closes the handle whatever it answers.
+// The stand-in driver of NTFS and exFAT volumes: an in-memory tree behind
+// EFI_SIMPLE_FILE_SYSTEM_PROTOCOL / EFI_FILE_PROTOCOL. Names match without regard to ASCII
+// case (or, when asked, only in their own case) and keep their spelling, a FileName
+// starting with "\" resolves from the root, SetInfo refuses the root, read-only handles,
+// existing names and directories with open children; Delete closes the handle whatever
+// it answers. Faults and switches are the volume layer's (Volume.cpp), as for FAT.
 #include "Firmware.h"
+#include "Internal.h"
 
 #include <gtest/gtest.h>
 
@@ -25,7 +27,12 @@ struct Node : std::enable_shared_from_this<Node> {
 
 namespace {
 
-struct OpenFile { EFI_FILE_PROTOCOL proto; Volume *volume; std::shared_ptr<Node> node; bool writable; uint64_t position = 0; size_t dirIndex = 0; };
+struct OpenFile { EFI_FILE_PROTOCOL proto; MemoryFs *volume; std::shared_ptr<Node> node; bool writable; uint64_t position = 0; size_t dirIndex = 0; };
+
+std::vector<MemoryFs *> &FileSystems () {
+  static std::vector<MemoryFs *> all;
+  return all;
+}
 
 std::map<EFI_FILE_PROTOCOL *, std::unique_ptr<OpenFile>> &Handles () {
   static std::map<EFI_FILE_PROTOCOL *, std::unique_ptr<OpenFile>> handles;
@@ -83,7 +90,7 @@ bool HasOpenDescendant (const Node &node) {
 
 // Walks a firmware path from a directory (a file stands for its folder); "\" at the
 // start means the root. Gives the folder of the last component and that component.
-EFI_STATUS Resolve (Volume &volume, std::shared_ptr<Node> dir, const std::u16string &path, std::shared_ptr<Node> &parent,
+EFI_STATUS Resolve (MemoryFs &volume, std::shared_ptr<Node> dir, const std::u16string &path, std::shared_ptr<Node> &parent,
                     std::u16string &leaf) {
   if (!path.empty () && path[0] == u'\\') dir = volume.root;
   else if (!dir->dir) dir = dir->parent ? dir->parent->shared_from_this () : volume.root;
@@ -105,11 +112,6 @@ EFI_STATUS Resolve (Volume &volume, std::shared_ptr<Node> dir, const std::u16str
   return EFI_SUCCESS;
 }
 
-std::u16string NodePath (const Node &node) {
-  std::u16string path;
-  for (const Node *n = &node; n->parent != nullptr; n = n->parent) path = u"\\" + n->name + path;
-  return path.empty () ? u"\\" : path;
-}
 
 std::u16string Text (const CHAR16 *text) {
   return text == nullptr ? std::u16string () : std::u16string (reinterpret_cast<const char16_t *>(text));
@@ -139,31 +141,24 @@ OpenFile *Lookup (EFI_FILE_PROTOCOL *self) {
 
 bool IsFileInfo (const EFI_GUID *type) { return std::memcmp (type, &gEfiFileInfoGuid, sizeof (EFI_GUID)) == 0; }
 
-EFI_FILE_PROTOCOL *NewHandle (Volume &volume, std::shared_ptr<Node> node, bool writable);
+EFI_FILE_PROTOCOL *NewHandle (MemoryFs &volume, std::shared_ptr<Node> node, bool writable);
 
-// Every file call but Close and Delete starts here: the open file, then the fault for
-// this call on that path, if one fires (Fail: its status; NoEffect: success, nothing done).
-#define ENTER(op, path)                                                                        \
-  OpenFile *file = Lookup (self);                                                              \
-  if (file == nullptr) return EFI_INVALID_PARAMETER;                                           \
-  Node        &node  = *file->node;                                                            \
-  const Fault *fault = file->volume->fw.faults.Check (op, path);                               \
-  if (fault != nullptr && fault->effect != Effect::Short) {                                    \
-    return fault->effect == Effect::Fail ? fault->status : EFI_SUCCESS;                        \
-  }                                                                                            \
-  const size_t half = (fault != nullptr) ? 2 : 1;   /* a Short fault halves Read and Write */  \
-  (void)node, (void)half
+// Every file call but Close and Delete starts here: the open file and its node.
+#define ENTER()                                       \
+  OpenFile *file = Lookup (self);                     \
+  if (file == nullptr) return EFI_INVALID_PARAMETER;  \
+  Node &node = *file->node;                           \
+  (void)node
 
 // --- EFI_FILE_PROTOCOL -----------------------------------------------------------
 
 EFI_STATUS EFIAPI FileOpen (EFI_FILE_PROTOCOL *self, EFI_FILE_PROTOCOL **out, CHAR16 *name, UINT64 mode, UINT64 attributes) {
-  ENTER (Op::Open, Text (name));
+  ENTER ();
   const UINT64 rw = EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE;
   if (name == nullptr || out == nullptr || (mode != EFI_FILE_MODE_READ && mode != rw && mode != (rw | EFI_FILE_MODE_CREATE))) {
     return EFI_INVALID_PARAMETER;
   }
   const bool write = (mode & EFI_FILE_MODE_WRITE) != 0;
-  if (file->volume->writeProtected && write) return EFI_WRITE_PROTECTED;
   if (node.gone) return EFI_NOT_FOUND;
 
   std::shared_ptr<Node> parent;
@@ -182,7 +177,6 @@ EFI_STATUS EFIAPI FileOpen (EFI_FILE_PROTOCOL *self, EFI_FILE_PROTOCOL **out, CH
 EFI_STATUS EFIAPI FileClose (EFI_FILE_PROTOCOL *self) {
   OpenFile *file = Lookup (self);
   if (file == nullptr) return EFI_INVALID_PARAMETER;
-  file->volume->fw.faults.Check (Op::Close, NodePath (*file->node));
   Handles ().erase (self);
   return EFI_SUCCESS;
 }
@@ -192,10 +186,8 @@ EFI_STATUS EFIAPI FileDelete (EFI_FILE_PROTOCOL *self) {
   if (file == nullptr) return EFI_INVALID_PARAMETER;
   std::shared_ptr<Node> node     = file->node;
   const bool            writable = file->writable;
-  const Fault           *fault   = file->volume->fw.faults.Check (Op::Delete, NodePath (*node));
   Handles ().erase (self);
 
-  if (fault != nullptr) return fault->effect == Effect::NoEffect ? EFI_SUCCESS : fault->status;
   if (!writable || node->parent == nullptr || (node->dir && !node->kids.empty ())) return EFI_WARN_DELETE_FAILURE;
   Unlink (node);
   node->gone = true;
@@ -203,7 +195,7 @@ EFI_STATUS EFIAPI FileDelete (EFI_FILE_PROTOCOL *self) {
 }
 
 EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) {
-  ENTER (Op::Read, NodePath (*file->node));
+  ENTER ();
   if (node.gone) return EFI_DEVICE_ERROR;
   if (node.dir) {
     // Like FAT: "." and ".." in every folder but the root, then the entries.
@@ -218,7 +210,7 @@ EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) 
     return status;
   }
   if (file->position > node.data.size ()) return EFI_DEVICE_ERROR;
-  size_t count = std::min<size_t>(*size, node.data.size () - file->position) / half;
+  size_t count = std::min<size_t>(*size, node.data.size () - file->position);
   std::memcpy (buffer, node.data.data () + file->position, count);
   file->position += count;
   *size           = count;
@@ -226,12 +218,11 @@ EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) 
 }
 
 EFI_STATUS EFIAPI FileWrite (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) {
-  ENTER (Op::Write, NodePath (*file->node));
+  ENTER ();
   if (node.dir) return EFI_UNSUPPORTED;
   if (node.gone) return EFI_DEVICE_ERROR;
-  if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
   if (!file->writable) return EFI_ACCESS_DENIED;
-  size_t count = *size / half;
+  size_t count = *size;
   node.data.resize (std::max<size_t>(node.data.size (), file->position + count));
   std::memcpy (node.data.data () + file->position, buffer, count);
   file->position += count;
@@ -240,14 +231,14 @@ EFI_STATUS EFIAPI FileWrite (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer)
 }
 
 EFI_STATUS EFIAPI FileGetPosition (EFI_FILE_PROTOCOL *self, UINT64 *position) {
-  ENTER (Op::GetPosition, NodePath (*file->node));
+  ENTER ();
   if (node.dir) return EFI_UNSUPPORTED;
   *position = file->position;
   return EFI_SUCCESS;
 }
 
 EFI_STATUS EFIAPI FileSetPosition (EFI_FILE_PROTOCOL *self, UINT64 position) {
-  ENTER (Op::SetPosition, NodePath (*file->node));
+  ENTER ();
   if (node.dir) {
     if (position != 0) return EFI_UNSUPPORTED;
     file->dirIndex = 0;
@@ -258,7 +249,7 @@ EFI_STATUS EFIAPI FileSetPosition (EFI_FILE_PROTOCOL *self, UINT64 position) {
 }
 
 EFI_STATUS EFIAPI FileGetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN *size, VOID *buffer) {
-  ENTER (Op::GetInfo, NodePath (*file->node));
+  ENTER ();
   return IsFileInfo (type) ? PutInfo (node, size, buffer) : EFI_UNSUPPORTED;
 }
 
@@ -268,18 +259,16 @@ std::u16string NameIn (UINTN size, const VOID *buffer) {
 
 EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN size, VOID *buffer) {
   const std::u16string name = NameIn (size, buffer);
-  ENTER (Op::SetInfo, NodePath (*file->node) + u"->" + name);
-  Volume                &volume = *file->volume;
+  ENTER ();
+  MemoryFs              &volume = *file->volume;
   std::shared_ptr<Node> moved   = file->node;
   const auto            *info   = static_cast<const EFI_FILE_INFO *>(buffer);
 
-  if (volume.writeProtected) return EFI_WRITE_PROTECTED;
   if (!IsFileInfo (type)) return EFI_UNSUPPORTED;
   if (node.parent == nullptr) return EFI_ACCESS_DENIED;
   if (size < SIZE_OF_EFI_FILE_INFO + 2 || info->Size > size) return EFI_BAD_BUFFER_SIZE;
   if ((info->Attribute & ~EFI_FILE_VALID_ATTR) != 0) return EFI_INVALID_PARAMETER;
   if (((info->Attribute & EFI_FILE_DIRECTORY) != 0) != node.dir) return EFI_ACCESS_DENIED;
-  if (volume.rejectPathNames && name.find_first_of (u"\\/") != std::u16string::npos) return EFI_INVALID_PARAMETER;
 
   std::shared_ptr<Node> parent;
   std::u16string        leaf;
@@ -303,106 +292,60 @@ EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN si
 }
 
 EFI_STATUS EFIAPI FileFlush (EFI_FILE_PROTOCOL *self) {
-  ENTER (Op::Flush, NodePath (*file->node));
-  if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
+  ENTER ();
   return file->writable ? EFI_SUCCESS : EFI_ACCESS_DENIED;
 }
 
-EFI_FILE_PROTOCOL *NewHandle (Volume &volume, std::shared_ptr<Node> node, bool writable) {
+EFI_FILE_PROTOCOL *NewHandle (MemoryFs &volume, std::shared_ptr<Node> node, bool writable) {
   static const EFI_FILE_PROTOCOL kFile = { EFI_FILE_PROTOCOL_REVISION, FileOpen, FileClose, FileDelete, FileRead, FileWrite,
-                                           FileGetPosition, FileSetPosition, FileGetInfo, FileSetInfo, FileFlush };
+                                           FileGetPosition, FileSetPosition, FileGetInfo, FileSetInfo, FileFlush,
+                                           nullptr, nullptr, nullptr, nullptr };
   auto *file = new OpenFile{ kFile, &volume, std::move (node), writable };
   Handles ()[&file->proto].reset (file);
   return &file->proto;
 }
 
 EFI_STATUS EFIAPI OpenVolume (EFI_SIMPLE_FILE_SYSTEM_PROTOCOL *self, EFI_FILE_PROTOCOL **root) {
-  for (const auto &volume : Firmware::Current ().volumes) {
-    if (&volume->sfs != self) continue;
-    if (const Fault *f = volume->fw.faults.Check (Op::OpenVolume)) return f->status;
-    *root = NewHandle (*volume, volume->root, !volume->writeProtected);
+  for (MemoryFs *fs : FileSystems ()) {
+    if (&fs->sfs != self) continue;
+    if (root == nullptr) return EFI_INVALID_PARAMETER;
+    *root = NewHandle (*fs, fs->root, true);
     return EFI_SUCCESS;
   }
-  ADD_FAILURE () << "OpenVolume on an unknown volume";
+  ADD_FAILURE () << "OpenVolume on an unknown stand-in volume";
   return EFI_INVALID_PARAMETER;
 }
 
-// Test side: '\' and '/' both separate. Walks count parts (all: SIZE_MAX); Make adds
-// missing folders on the way, otherwise a missing part gives null.
-std::shared_ptr<Node> Walk (const Volume &volume, const std::string &path, bool make = false, size_t count = SIZE_MAX) {
-  std::shared_ptr<Node> node  = volume.root;
-  auto                  parts = Split (U16 (path), true);
-  for (size_t i = 0; i < parts.size () && i < count && node; ++i) {
-    std::shared_ptr<Node> next = node->dir ? Child (*node, parts[i]) : nullptr;
-    node = (next || !make) ? next : AddChild (*node, parts[i], true);
-  }
-  return node;
-}
-
-void Collect (const Node &dir, const std::string &prefix, std::map<std::string, std::string> &out) {
-  for (const auto &kid : dir.kids) {
-    std::string path = prefix + "\\" + Narrow (kid->name);
-    out[path] = kid->dir ? std::string ("<dir>") : std::string (kid->data.begin (), kid->data.end ());
-    if (kid->dir) Collect (*kid, path, out);
-  }
+std::shared_ptr<Node> Copy (const Node &from, Node *parent) {
+  auto to  = std::make_shared<Node>(from.name, from.dir, parent);
+  to->data = from.data;
+  to->exactCase = from.exactCase;
+  for (const auto &kid : from.kids) to->kids.push_back (Copy (*kid, to.get ()));
+  return to;
 }
 
 }  // namespace
 
-Volume::Volume (Firmware &firmware, EFI_HANDLE handle) : sfs{}, fw (firmware), root (std::make_shared<Node>(u"", true, nullptr)), handle_ (handle) {
+MemoryFs::MemoryFs () : sfs{}, root (std::make_shared<Node>(u"", true, nullptr)) {
   sfs.Revision   = EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_REVISION;
   sfs.OpenVolume = OpenVolume;
+  FileSystems ().push_back (this);
 }
 
-Volume::~Volume () {
+MemoryFs::~MemoryFs () {
   for (auto it = Handles ().begin (); it != Handles ().end ();) {
     it = (it->second->volume == this) ? Handles ().erase (it) : std::next (it);
   }
+  auto &all = FileSystems ();
+  all.erase (std::remove (all.begin (), all.end (), this), all.end ());
 }
 
-void Volume::Mkdir (const std::string &path) { Walk (*this, path, true); }
-
-void Volume::Put (const std::string &path, const std::string &bytes) {
-  auto                  parts = Split (U16 (path), true);
-  std::shared_ptr<Node> dir   = Walk (*this, path, true, parts.size () - 1);
-  std::shared_ptr<Node> file  = Child (*dir, parts.back ());
-  (file ? file : (file = AddChild (*dir, parts.back (), false)))->data.assign (bytes.begin (), bytes.end ());
+std::unique_ptr<MemoryFs> MemoryFs::Clone () const {
+  auto copy  = std::make_unique<MemoryFs>();
+  copy->root = Copy (*root, nullptr);
+  return copy;
 }
 
-void Volume::Remove (const std::string &path) {
-  if (std::shared_ptr<Node> node = Walk (*this, path)) {
-    Unlink (node);
-    node->gone = true;
-  }
-}
-
-void Volume::MatchNamesExactly () { root->exactCase = true; }
-
-bool Volume::Exists (const std::string &path) const { return Walk (*this, path) != nullptr; }
-
-std::string Volume::Get (const std::string &path) const {
-  std::shared_ptr<Node> node = Walk (*this, path);
-  if (node && !node->dir) return std::string (node->data.begin (), node->data.end ());
-  ADD_FAILURE () << "no file " << path;
-  return "";
-}
-
-std::vector<std::string> Volume::List (const std::string &dir) const {
-  std::vector<std::string> names;
-  if (std::shared_ptr<Node> node = Walk (*this, dir)) {
-    for (const auto &kid : node->kids) names.push_back (Narrow (kid->name));
-  }
-  return names;
-}
-
-std::map<std::string, std::string> Volume::Snapshot () const {
-  std::map<std::string, std::string> out;
-  Collect (*root, "", out);
-  return out;
-}
-
-int Volume::OpenHandles () const {
-  return static_cast<int>(std::count_if (Handles ().begin (), Handles ().end (), [this](const auto &h) { return h.second->volume == this; }));
-}
+void SetExactCase (MemoryFs &fs) { fs.root->exactCase = true; }
 
 }  // namespace fake
