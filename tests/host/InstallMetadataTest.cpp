@@ -221,6 +221,9 @@ TEST_F (InstallMetadataTest, StateDumpAndVolumeDescription) {
   EXPECT_TRUE (Has (Console (), "] Corrente: BCD=b SRC=(missing) EFI=(missing) SRC_PART=(missing) SRC_FS=N\r\n"));
 
   fake::Volume &other = fw.AddVolume ();
+  // Neither handle offers Block I/O: no type and no UUID can be read from them.
+  fw.Uninstall (boot.Handle (), gEfiBlockIoProtocolGuid);
+  fw.Uninstall (other.Handle (), gEfiBlockIoProtocolGuid);
   DescribeVolume (W (u"Boot"), boot.Handle (), boot.Handle ());
   EXPECT_TRUE (Has (Console (), "] Boot = FAT32 / partition 1 / UUID=(not available)\r\n"));
   DescribeVolume (W (u"Altro"), boot.Handle (), other.Handle ());

@@ -260,7 +260,8 @@ const ToolImage *MadeByTool (const std::string &kind) {
   if (!ok) ADD_FAILURE () << recipe->tool << " " << recipe->options << " failed:\n" << log;
   if (ok) {
     std::ifstream in (image, std::ios::binary);
-    std::vector<uint8_t> whole ((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<uint8_t> whole (std::filesystem::file_size (image));
+    in.read (reinterpret_cast<char *>(whole.data ()), whole.size ());
     if (!(ok = whole.size () >= 4096)) ADD_FAILURE () << recipe->tool << " left an image shorter than 4096 bytes";
     if (ok) std::copy (whole.begin (), whole.begin () + 4096, result.firstBytes.begin ());
     if (ok && kind == std::string ("fat32")) result.whole = std::make_shared<Disk>(whole);
