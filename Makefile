@@ -26,6 +26,14 @@ test: host-test e2e
 demo: build
 	@bash scripts/demo.sh
 
+# Every status of every firmware call at every call number, through each operation the
+# sweep suite covers (`make test` runs a fixed sample of the same sweep).
+.PHONY: sweep
+sweep: setup
+	@cmake -S tests/host -B $(HOST_BUILD) -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	@cmake --build $(HOST_BUILD) --target host_tests -j$$(nproc) -- -s
+	@VELMARO_SWEEP=full $(HOST_BUILD)/host_tests --gtest_filter='Sweep*' --gtest_brief=1
+
 # Our MD5 against OpenSSL's and Md5OfFile through the fake firmware; prints figures,
 # fails only when digests disagree. The bench target builds itself at -O2.
 bench: setup

@@ -162,33 +162,6 @@ TEST_F (BcdTest, StoreClaimedByTwoDigestFilesIsNamedByNeither) {
   EXPECT_TRUE (Has (Log (), "] BCD \\boot\\BCD: stesso MD5 associato a piu nomi, nessun nome scelto per solo MD5\r\n"));
 }
 
-// Whatever single firmware call fails, at whatever point of the check, repair or
-// normalisation: no group's data is lost and nothing leaks.
-TEST_F (BcdTest, AnySingleFailureLosesNothing) {
-  for (Op op : { Op::Open, Op::Read, Op::Write, Op::GetInfo, Op::SetInfo, Op::Delete, Op::Flush, Op::SetPosition, Op::OpenVolume,
-                 Op::AllocatePool, Op::ReadBlocks, Op::HandleProtocol }) {
-    for (unsigned nth = 1; nth <= 12; ++nth) {
-      boot.Put ("\\boot\\BCD", stray);
-      boot.Put ("\\boot\\BCD_BAK", "older kept store");
-      boot.Put ("\\boot\\backup\\bcd_b.md5", Md5Hex (stray));
-      boot.Put ("\\boot\\bcd_b", storeB);
-      boot.Remove ("\\boot\\BCD.bak");
-      boot.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n");
-      SetField (context.Requested.BcdMd5, "");
-      const auto   before  = boot.Snapshot ();
-      const int    handles = fw.OpenHandles ();
-      const size_t pool    = fake::Firmware::LivePool ();
-
-      fw.faults.Set ({ op, EFI_DEVICE_ERROR, nth });
-      Active ();
-      Normalize (W (u"\\boot\\bcd_b"));
-      ExpectNoGroupDataLost (before, boot, groups);
-      EXPECT_EQ (fw.OpenHandles (), handles) << static_cast<int>(op) << " #" << nth;
-      EXPECT_EQ (fake::Firmware::LivePool (), pool) << static_cast<int>(op) << " #" << nth;
-    }
-  }
-}
-
 class EfiBcdTest : public BcdTest {
  protected:
   void SetUp () override {
