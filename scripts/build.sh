@@ -34,4 +34,6 @@ if objdump -h "$dll" | grep -qE '\.(init_array|ctors)'; then
   exit 1
 fi
 cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/Velmaro.efi" "$REPO/build/Velmaro.efi"
+# The test-only file probe (tests/probe/) for the QEMU file-table scenario; never for sticks.
+cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/FileProbe.efi" "$REPO/build/FileProbe.efi"
 echo "build: $REPO/build/Velmaro.efi"
