@@ -2,7 +2,7 @@
    their own sources: the entry-point library's job (setting the service-table globals),
    a memory allocation library and a debug library. Everything here ends up in one
    relocatable object with the drivers and their copies of MdePkg's libraries; only
-   VelmaroFatDriverLoad stays visible, so the drivers' gBS, pool and helpers never mix with
+   VelmaroFatDriverLoad and VelmaroDriverPoolLive stay visible, so the drivers' gBS, pool and helpers never mix with
    the application's. */
 #include <Uefi.h>
 #include <Library/BaseLib.h>
@@ -50,7 +50,14 @@ EFI_STATUS VelmaroFatDriverLoad (EFI_HANDLE FatImage, EFI_HANDLE EnglishImage, E
 
 /* --- Memory allocation ------------------------------------------------------- */
 
-VOID *EFIAPI AllocatePool (UINTN AllocationSize) { return malloc (AllocationSize == 0 ? 1 : AllocationSize); }
+/* Buffers the drivers hold: a firmware that is gone must have none left. */
+long VelmaroDriverPoolLive = 0;
+
+VOID *EFIAPI AllocatePool (UINTN AllocationSize) {
+  VOID *Buffer = malloc (AllocationSize == 0 ? 1 : AllocationSize);
+  VelmaroDriverPoolLive += Buffer != NULL;
+  return Buffer;
+}
 VOID *EFIAPI AllocateRuntimePool (UINTN AllocationSize) { return AllocatePool (AllocationSize); }
 VOID *EFIAPI AllocateReservedPool (UINTN AllocationSize) { return AllocatePool (AllocationSize); }
 
@@ -70,12 +77,15 @@ VOID *EFIAPI ReallocatePool (UINTN OldSize, UINTN NewSize, VOID *OldBuffer) {
   VOID *Buffer = AllocateZeroPool (NewSize);
   if (Buffer != NULL && OldBuffer != NULL) {
     CopyMem (Buffer, OldBuffer, OldSize < NewSize ? OldSize : NewSize);
-    free (OldBuffer);
+    FreePool (OldBuffer);
   }
   return Buffer;
 }
 
-VOID EFIAPI FreePool (VOID *Buffer) { free (Buffer); }
+VOID EFIAPI FreePool (VOID *Buffer) {
+  VelmaroDriverPoolLive -= Buffer != NULL;
+  free (Buffer);
+}
 
 /* --- Debug: assertions are live, messages go nowhere ------------------------- */
 

@@ -15,15 +15,19 @@
 #include <fstream>
 #include <iterator>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace fake {
 
 // --- Disk ------------------------------------------------------------------------
 
 Disk::Disk (const std::vector<uint8_t> &bytes) : size_ (bytes.size ()) {
+  static const std::vector<uint8_t> kZeros (kChunk, 0);
   auto chunks = std::make_shared<Chunks>();
   for (uint64_t at = 0; at < bytes.size (); at += kChunk) {
     const size_t n = std::min<uint64_t>(kChunk, bytes.size () - at);
-    if (std::any_of (bytes.begin () + at, bytes.begin () + at + n, [](uint8_t b) { return b != 0; })) {
+    if (std::memcmp (bytes.data () + at, kZeros.data (), n) != 0) {
       std::vector<uint8_t> &chunk = (*chunks)[at / kChunk];
       chunk.assign (kChunk, 0);
       std::copy (bytes.begin () + at, bytes.begin () + at + n, chunk.begin ());
@@ -230,6 +234,28 @@ std::string Output (const std::string &command) {
   return text;
 }
 
+// A file's bytes as a disk, reading only its data extents.
+Disk SparseImage (const std::string &path) {
+  auto chunks = std::make_shared<Disk::Chunks>();
+  int  fd     = open (path.c_str (), O_RDONLY);
+  if (fd < 0) return Disk ();
+  const off_t size = lseek (fd, 0, SEEK_END);
+  for (off_t at = 0; at < size;) {
+    off_t data = lseek (fd, at, SEEK_DATA);
+    if (data < 0) break;
+    off_t hole = lseek (fd, data, SEEK_HOLE);
+    if (hole < 0) hole = size;
+    for (off_t chunk = data / Disk::kChunk * Disk::kChunk; chunk < hole; chunk += Disk::kChunk) {
+      std::vector<uint8_t> bytes (Disk::kChunk, 0);
+      if (pread (fd, bytes.data (), bytes.size (), chunk) < 0) break;
+      if (std::any_of (bytes.begin (), bytes.end (), [](uint8_t b) { return b != 0; })) (*chunks)[chunk / Disk::kChunk] = std::move (bytes);
+    }
+    at = hole;
+  }
+  close (fd);
+  return Disk (chunks, static_cast<uint64_t>(size));
+}
+
 // Null (with the test failed) when the tool is missing or refuses.
 const ToolImage *MadeByTool (const std::string &kind) {
   static std::map<std::string, ToolImage> made;
@@ -260,11 +286,11 @@ const ToolImage *MadeByTool (const std::string &kind) {
   if (!ok) ADD_FAILURE () << recipe->tool << " " << recipe->options << " failed:\n" << log;
   if (ok) {
     std::ifstream in (image, std::ios::binary);
-    std::vector<uint8_t> whole (std::filesystem::file_size (image));
-    in.read (reinterpret_cast<char *>(whole.data ()), whole.size ());
-    if (!(ok = whole.size () >= 4096)) ADD_FAILURE () << recipe->tool << " left an image shorter than 4096 bytes";
-    if (ok) std::copy (whole.begin (), whole.begin () + 4096, result.firstBytes.begin ());
-    if (ok && kind == std::string ("fat32")) result.whole = std::make_shared<Disk>(whole);
+    // Only the regions the tool wrote are read: the rest of the sparse image is zeros.
+    auto whole = std::make_shared<Disk>(SparseImage (image));
+    if (!(ok = whole->Size () >= 4096)) ADD_FAILURE () << recipe->tool << " left an image shorter than 4096 bytes";
+    if (ok) whole->Read (0, result.firstBytes.data (), 4096);
+    if (ok && kind == std::string ("fat32")) result.whole = whole;
     // -c /dev/null: blkid probes the image itself and leaves the system's cache alone.
     result.uuid = Output ("blkid -c /dev/null -o value -s UUID '" + image + "'");
     if (ok && result.uuid.empty ()) {

@@ -211,7 +211,7 @@ EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) 
   }
   if (file->position > node.data.size ()) return EFI_DEVICE_ERROR;
   size_t count = std::min<size_t>(*size, node.data.size () - file->position);
-  std::memcpy (buffer, node.data.data () + file->position, count);
+  if (count > 0) std::memcpy (buffer, node.data.data () + file->position, count);
   file->position += count;
   *size           = count;
   return EFI_SUCCESS;
@@ -224,7 +224,7 @@ EFI_STATUS EFIAPI FileWrite (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer)
   if (!file->writable) return EFI_ACCESS_DENIED;
   size_t count = *size;
   node.data.resize (std::max<size_t>(node.data.size (), file->position + count));
-  std::memcpy (node.data.data () + file->position, buffer, count);
+  if (count > 0) std::memcpy (node.data.data () + file->position, buffer, count);
   file->position += count;
   *size           = count;
   return EFI_SUCCESS;

@@ -12,6 +12,7 @@
 #include <iterator>
 
 extern "C" EFI_STATUS VelmaroFatDriverLoad (EFI_HANDLE fatImage, EFI_HANDLE englishImage, EFI_SYSTEM_TABLE *systemTable);
+extern "C" long       VelmaroDriverPoolLive;
 
 // A driver assertion means the fake broke a promise the firmware keeps.
 extern "C" void VelmaroDriverAssert (const char *file, unsigned long line, const char *description) {
@@ -294,8 +295,17 @@ EFI_STATUS EFIAPI ConInReadKey (EFI_SIMPLE_TEXT_INPUT_PROTOCOL *, EFI_INPUT_KEY 
 
 }  // namespace
 
-void *DriverPoolAllocate (size_t size) { return std::malloc (size == 0 ? 1 : size); }
-void DriverPoolFree (void *p) { std::free (p); }
+// The drivers' pool, shared with their own AllocatePool (edk2/FatDriverHost.c).
+void *DriverPoolAllocate (size_t size) {
+  void *p = std::malloc (size == 0 ? 1 : size);
+  VelmaroDriverPoolLive += p != nullptr;
+  return p;
+}
+
+void DriverPoolFree (void *p) {
+  VelmaroDriverPoolLive -= p != nullptr;
+  std::free (p);
+}
 
 // --- Faults --------------------------------------------------------------------
 
@@ -326,7 +336,8 @@ void Faults::Reset () {
 
 Firmware::Firmware () {
   EXPECT_EQ (gCurrent, nullptr) << "one fake firmware at a time";
-  gCurrent = this;
+  gCurrent           = this;
+  driverPoolAtStart_ = VelmaroDriverPoolLive;
   counter  = counterStart;
 
   for (EFI_BOOT_SERVICES *table : { &bs, &driverBs }) {
@@ -406,6 +417,7 @@ Firmware::Firmware () {
 Firmware::~Firmware () {
   volumes.clear ();
   EXPECT_TRUE (pending_.empty ()) << "event notifications never run";
+  EXPECT_EQ (VelmaroDriverPoolLive, driverPoolAtStart_) << "the drivers kept pool buffers after every volume was stopped";
   gCurrent = nullptr;
 }
 

@@ -254,6 +254,7 @@ class Firmware {
   std::map<Event *, std::unique_ptr<Event>> events_;
   std::vector<Event *>      pending_;
   EFI_TPL                   tpl_ = TPL_APPLICATION;
+  long                      driverPoolAtStart_ = 0;
   std::vector<uint8_t>      loadOptions_;
   std::map<EFI_HANDLE, std::vector<uint8_t>> devicePaths_;
   uintptr_t                 nextHandle_ = 0x1000;

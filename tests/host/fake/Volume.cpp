@@ -351,6 +351,17 @@ void Collect (EFI_FILE_PROTOCOL *dir, const std::u16string &prefix, std::map<std
   }
 }
 
+// Opens and closes every folder below one.
+void VisitFolders (EFI_FILE_PROTOCOL *dir) {
+  for (const auto &[name, isDir] : Entries (dir)) {
+    EFI_FILE_PROTOCOL *kid = nullptr;
+    if (isDir && !EFI_ERROR (dir->Open (dir, &kid, const_cast<CHAR16 *>(C16 (name)), EFI_FILE_MODE_READ, 0))) {
+      RawFile held (kid);
+      VisitFolders (kid);
+    }
+  }
+}
+
 }  // namespace
 
 // --- Volume --------------------------------------------------------------------------
@@ -383,7 +394,14 @@ Volume::~Volume () {
     it = Handles ().erase (it);
   }
   if (device_ != nullptr) {
-    if (raw_ != nullptr) fw.ShowAs (raw_, nullptr);
+    // When a file moves to another folder, the FAT driver leaves the folder it left in its
+    // cache, off the list it checks for unused entries, until someone opens that folder
+    // again; then Stop cannot free the volume. Opening every folder once lets the driver
+    // free it all, so that what the drivers' pool check reports is a leak of ours.
+    if (raw_ != nullptr) {
+      if (RawFile root = RawRoot (*this)) VisitFolders (root.get ());
+      fw.ShowAs (raw_, nullptr);
+    }
     EXPECT_EQ (fw.DisconnectFat (handle_), EFI_SUCCESS) << "the FAT driver did not stop";
     RemoveDevice (fw, device_);
   } else if (memory_) {
