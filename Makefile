@@ -13,8 +13,9 @@ setup:
 build: setup
 	@bash scripts/build.sh
 
+# The host suite runs under AddressSanitizer and UBSan: any finding fails it.
 host-test: setup
-	@cmake -S tests/host -B $(HOST_BUILD) -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	@cmake -S tests/host -B $(HOST_BUILD) -DCMAKE_BUILD_TYPE=Debug -DVELMARO_SANITIZE=ON >/dev/null
 	@cmake --build $(HOST_BUILD) -j$$(nproc) -- -s
 	@cd $(HOST_BUILD) && ctest --output-on-failure --timeout 60
 
