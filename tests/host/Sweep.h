@@ -50,6 +50,15 @@ struct Scenario {
   std::map<fake::Op, unsigned>                         reach = {};   // the clean run makes at least this many calls
 };
 
+// The fault of the run under way ({} in the clean run): for checks that hold except under
+// one particular lie of the firmware.
+inline fake::Fault &Injecting () {
+  static fake::Fault fault;
+  return fault;
+}
+
+inline bool Injecting (fake::Op op, fake::Effect effect) { return Injecting ().op == op && Injecting ().effect == effect; }
+
 inline bool Full () {
   const char *mode = std::getenv ("VELMARO_SWEEP");
   return mode != nullptr && std::string (mode) == "full";
@@ -153,7 +162,9 @@ class Runner {
       const size_t pool    = fake::Firmware::LivePool ();
 
       fw_->faults.Set (fault);
-      status = scenario_.run ();
+      Injecting () = fault;
+      status       = scenario_.run ();
+      Injecting () = {};
       if (calls != nullptr) {
         for (const auto &table : firmware_statuses::Tables ()) (*calls)[table.op] = fw_->faults.Calls (table.op);
       }
