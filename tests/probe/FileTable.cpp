@@ -80,7 +80,7 @@ struct Step {
   UINT8             Slot;   // the handle acted on, or the slot a new handle goes to
   UINT8             From;   // the handle a path is opened from
   UINT32            Flags;
-  const char16_t    *Path;  // "#N" anywhere stands for a generated name of N characters
+  const char16_t    *Path;  // "%N" anywhere stands for a generated name of N characters
   const char        *Data;
   UINT64            A;
   UINT64            B;
@@ -430,18 +430,18 @@ constexpr Step kSetInfoTimes[] = {
 // --- Names ----------------------------------------------------------------------------
 
 constexpr Step kLongNameRoot[] = {
-  Create ("255", 2, kRoot, u"#255"),
+  Create ("255", 2, kRoot, u"%255"),
   Info ("info", 2, kFNameLen),
   Delete ("delete", 2),
-  Create ("256", 2, kRoot, u"#256"),
-  Exists ("256-exists", kRoot, u"#256"),
+  Create ("256", 2, kRoot, u"%256"),
+  Exists ("256-exists", kRoot, u"%256"),
 };
 
 constexpr Step kLongNameFolder[] = {
-  Create ("253", 2, kDir, u"#253"),
-  Create ("254", 3, kDir, u"#254"),
-  Open ("253-full-path", 4, kRoot, u"\\ft\\#253", R),
-  Open ("254-full-path", 5, kRoot, u"\\ft\\#254", R),
+  Create ("253", 2, kDir, u"%253"),
+  Create ("254", 3, kDir, u"%254"),
+  Open ("253-full-path", 4, kRoot, u"\\ft\\%253", R),
+  Open ("254-full-path", 5, kRoot, u"\\ft\\%254", R),
 };
 
 constexpr Step kInvalidNames[] = {
@@ -731,6 +731,9 @@ constexpr EFI_GUID  kFsInfoId      = { 0x09576e93, 0x6d3f, 0x11d2, { 0x8e, 0x39,
 constexpr EFI_GUID  kFsLabelId     = { 0xdb47d7d3, 0xfe81, 0x11d3, { 0x9a, 0x35, 0x00, 0x90, 0x27, 0x3f, 0xc1, 0x4d } };
 constexpr EFI_GUID  kUnknownInfoId = { 0x5e1f0c2a, 0x7d44, 0x4b93, { 0xa1, 0x6e, 0x3c, 0x88, 0x02, 0xd7, 0x4f, 0x19 } };
 
+// The TimeZone value of a time that carries no zone, as FAT's times come back.
+constexpr INT16  kNoTimeZone = 0x07FF;
+
 // Room for any EFI_FILE_INFO a FAT name can need (255 characters), 8-byte aligned.
 constexpr UINTN  kInfoBytes = 1024;
 constexpr UINTN  kPathChars = 600;
@@ -942,7 +945,7 @@ TextLength (
   return Length;
 }
 
-// The step's path in T.Path, with every "#N" replaced by a name of N characters that
+// The step's path in T.Path, with every "%N" replaced by a name of N characters that
 // starts with "ft" (so that names made in the root are cleaned up with the scratch).
 CHAR16 *
 ExpandPath (
@@ -953,7 +956,7 @@ ExpandPath (
   UINTN  Used = 0;
 
   for (const char16_t *At = Template; *At != 0 && Used + 1 < kPathChars; ) {
-    if (*At != u'#') {
+    if (*At != u'%') {
       T.Path[Used++] = static_cast<CHAR16>(*At++);
       continue;
     }
@@ -1092,8 +1095,8 @@ EmitInfoFields (
     Emit (T, ",a=");
     Emit (T, TimeClass (Info->LastAccessTime, TRUE));
     Emit (T, ",tz=");
-    if (Info->ModificationTime.TimeZone == EFI_UNSPECIFIED_TIMEZONE) {
-      Emit (T, "unspecified");
+    if (Info->ModificationTime.TimeZone == kNoTimeZone) {
+      Emit (T, "none");
     } else {
       EmitNumber (T, static_cast<UINT16>(Info->ModificationTime.TimeZone));
     }
