@@ -7,8 +7,10 @@
   Each row is a short sequence of EFI_FILE_PROTOCOL calls, made in a scratch folder
   \ft (or on root names beginning with "ft") that is created before the row and
   removed after it. Each row prints one line "<row name>: <label>=<answer> ...", the
-  whole table ending with "end: rows=<count>"; the text holds nothing that depends on
-  the clock or the medium, so two runs on the same driver print the same bytes.
+  whole table ending with "end: rows=<count>". Times are printed as classes (zero, bad,
+  valid) unless they are the table's own, and bytes the medium supplies are only said to
+  be zero or stale, so two runs on the same driver and a fresh medium print the same
+  bytes.
 **/
 
 #ifndef VELMARO_FILE_TABLE_H_
