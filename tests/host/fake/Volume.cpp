@@ -73,6 +73,13 @@ std::u16string Join (const std::u16string &dir, const std::u16string &name) {
   return path.empty () ? u"\\" : path;
 }
 
+std::vector<uint8_t> InfoOf (EFI_FILE_PROTOCOL *file) {
+  UINTN size = 0;
+  if (file->GetInfo (file, &gEfiFileInfoGuid, &size, nullptr) != EFI_BUFFER_TOO_SMALL) return {};
+  std::vector<uint8_t> buffer (size);
+  return EFI_ERROR (file->GetInfo (file, &gEfiFileInfoGuid, &size, buffer.data ())) ? std::vector<uint8_t>() : buffer;
+}
+
 // The name the driver stored for what a handle opened.
 std::u16string StoredName (EFI_FILE_PROTOCOL *file) {
   UINTN size = 0;
@@ -82,10 +89,29 @@ std::u16string StoredName (EFI_FILE_PROTOCOL *file) {
   return Text (reinterpret_cast<EFI_FILE_INFO *>(buffer.data ())->FileName);
 }
 
-std::u16string StoredPath (EFI_FILE_PROTOCOL *file, const std::u16string &path) {
-  if (path == u"\\") return path;
-  std::u16string leaf = StoredName (file);
-  return leaf.empty () ? path : Join (Parent (path), leaf);
+// A path from the root, every name in it as the driver stored it (as typed where a
+// folder on the way cannot be opened). Any handle of the volume starts the walk.
+std::u16string StoredPath (EFI_FILE_PROTOCOL *any, const std::u16string &path) {
+  EFI_FILE_PROTOCOL *at = nullptr;
+  if (path == u"\\" || EFI_ERROR (any->Open (any, &at, const_cast<CHAR16 *>(reinterpret_cast<const CHAR16 *>(u"\\")), EFI_FILE_MODE_READ, 0))) {
+    return path;
+  }
+  std::u16string stored, rest = path.substr (1);
+  while (!rest.empty ()) {
+    const size_t       cut  = rest.find (u'\\');
+    const std::u16string part = rest.substr (0, cut);
+    rest = cut == std::u16string::npos ? u"" : rest.substr (cut + 1);
+    EFI_FILE_PROTOCOL *next = nullptr;
+    if (at == nullptr || EFI_ERROR (at->Open (at, &next, const_cast<CHAR16 *>(reinterpret_cast<const CHAR16 *>(part.c_str ())), EFI_FILE_MODE_READ, 0))) {
+      next = nullptr;
+    }
+    const std::u16string name = next != nullptr ? StoredName (next) : u"";
+    stored += u"\\" + (name.empty () ? part : name);
+    if (at != nullptr) at->Close (at);
+    at = next;
+  }
+  if (at != nullptr) at->Close (at);
+  return stored;
 }
 
 EFI_FILE_PROTOCOL *Wrap (Volume &volume, EFI_FILE_PROTOCOL *inner, std::u16string path, bool writable, std::shared_ptr<FrozenView> frozen);
@@ -166,19 +192,16 @@ EFI_STATUS EFIAPI FileDelete (EFI_FILE_PROTOCOL *self) {
 EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) {
   ENTER (Op::Read, file->path);
   if (shorten && size != nullptr) {
-    // Half of what the read would have moved.
-    UINT64 position = 0;
-    UINTN  infoSize = 0;
-    std::vector<uint8_t> info;
-    if (!EFI_ERROR (file->inner->GetPosition (file->inner, &position)) &&
-        file->inner->GetInfo (file->inner, &gEfiFileInfoGuid, &infoSize, nullptr) == EFI_BUFFER_TOO_SMALL) {
-      info.resize (infoSize);
-      if (!EFI_ERROR (file->inner->GetInfo (file->inner, &gEfiFileInfoGuid, &infoSize, info.data ()))) {
-        UINT64 fileSize = reinterpret_cast<EFI_FILE_INFO *>(info.data ())->FileSize;
-        *size = std::min<UINT64>(*size, fileSize > position ? fileSize - position : 0);
+    // Half of what a file read would have moved; a folder's entries come whole.
+    UINT64               position = 0;
+    std::vector<uint8_t> info     = InfoOf (file->inner);
+    const auto           *fileInfo = reinterpret_cast<const EFI_FILE_INFO *>(info.data ());
+    if (info.empty () || (fileInfo->Attribute & EFI_FILE_DIRECTORY) == 0) {
+      if (!info.empty () && !EFI_ERROR (file->inner->GetPosition (file->inner, &position))) {
+        *size = std::min<UINT64>(*size, fileInfo->FileSize > position ? fileInfo->FileSize - position : 0);
       }
+      *size /= 2;
     }
-    *size /= 2;
   }
   return file->inner->Read (file->inner, size, buffer);
 }
