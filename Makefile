@@ -38,7 +38,7 @@ demo: build
 # sweep suite covers (`make test` runs a fixed sample of the same sweep).
 .PHONY: sweep
 sweep: setup
-	@cmake -S tests/host -B $(HOST_BUILD) -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	@cmake -S tests/host -B $(HOST_BUILD) -DCMAKE_BUILD_TYPE=Debug -DVELMARO_SANITIZE=ON >/dev/null
 	@cmake --build $(HOST_BUILD) --target host_tests -j$$(nproc) -- -s
 	@VELMARO_SWEEP=full $(HOST_BUILD)/host_tests --gtest_filter='Sweep*' --gtest_brief=1
 

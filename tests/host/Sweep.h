@@ -6,9 +6,8 @@
 // be left behind, no group's data may be lost, and the answer must be one the scenario
 // allows for a single failure.
 //
-// VELMARO_SWEEP=full tries every status at every call; otherwise a fixed sample tries,
-// at every call, the first status of the call's table and the one whose turn it is (the
-// n-th call the n-th status, round the table), and every status at the first, middle and
+// VELMARO_SWEEP=full tries every status at every call; otherwise a fixed sample tries the
+// first status of the call's table at every call, and every status at the first and the
 // last call.
 #pragma once
 
@@ -88,9 +87,8 @@ inline std::vector<fake::Fault> Plan (const std::map<fake::Op, unsigned> &calls,
     const unsigned count = calls.count (table.op) != 0 ? calls.at (table.op) : 0;
     const size_t   size  = table.outcomes.size ();
     for (unsigned n = 1; n <= count && size != 0; ++n) {
-      const bool every = full || n == 1 || n == (count + 1) / 2 || n == count;
       for (size_t i = 0; i < size; ++i) {
-        if (every || i == 0 || i == (n - 1) % size) plan.push_back ({ table.op, table.outcomes[i].status, n, "", table.outcomes[i].effect });
+        if (full || i == 0 || n == 1 || n == count) plan.push_back ({ table.op, table.outcomes[i].status, n, "", table.outcomes[i].effect });
       }
     }
   }

@@ -48,6 +48,7 @@ std::string Filled (const std::string &seed, size_t size) {
 const std::string kStoreA = Filled ("store of group a", 9000), kStoreB = Filled ("store of group b", 9000);
 const std::string kStray = "store of nobody", kEfiA = "EFI store of group a", kEfiB = "EFI store of group b";
 const std::string kWimA = Filled ("image of group a", 10000), kWimB = Filled ("image of group b", 6000);
+const std::string kMd5StoreA = Md5Hex (kStoreA), kMd5StoreB = Md5Hex (kStoreB), kMd5WimA = Md5Hex (kWimA);
 
 struct Stick {
   Kind                kind;
@@ -71,13 +72,13 @@ fake::Volume &AddPartition (fake::Firmware &fw, Kind kind, uint32_t number) {
   return volume;
 }
 
-std::string Software (const std::string &id, const std::string &bcd, const std::string &src, const std::string &efi, const std::string &store,
+std::string Software (const std::string &id, const std::string &bcd, const std::string &src, const std::string &efi, const std::string &digest,
                       const Stick &s) {
   const std::string second = s.External () ? "<ISO2ndPartition>True</ISO2ndPartition>\r\n<FS>" + std::string (NamesOf (s.kind).fs) +
                                                  "</FS><UUID>" + s.uuid + "</UUID>\r\n"
                                            : "";
   return "<software ID=\"" + id + "\" Der=\"Windows 11 velmaro\">\r\n" + second + "<BCD>" + bcd + "</BCD><SRC>" + src + "</SRC><EFI>efi\\" + efi +
-         "</EFI>\r\n<BCD_MD5>" + Md5Hex (store) + "</BCD_MD5>\r\n</software>\r\n";
+         "</EFI>\r\n<BCD_MD5>" + digest + "</BCD_MD5>\r\n</software>\r\n";
 }
 
 void Fill (Stick &s) {
@@ -86,7 +87,7 @@ void Fill (Stick &s) {
 
   boot.Put ("\\boot\\NUR_VEL_EFI.COM", s.entries);
   boot.Put ("\\boot\\VELMARO.COM", "BCD:c:\\boot\\bcd_a\r\nSRC:c:\\grp_a\r\nEFI:c:\\efi\\efi_a\r\nSRC_PART:" + s.uuid + "\r\nSRC_FS:" + fs + "\r\n");
-  boot.Put ("\\ZENTO\\software.xml", Software ("s-win-a", "bcd_a", "grp_a", "efi_a", kStoreA, s) + Software ("s-win-b", "bcd_b", "grp_b", "efi_b", kStoreB, s));
+  boot.Put ("\\ZENTO\\software.xml", Software ("s-win-a", "bcd_a", "grp_a", "efi_a", kMd5StoreA, s) + Software ("s-win-b", "bcd_b", "grp_b", "efi_b", kMd5StoreB, s));
   boot.Put ("\\ZENTO\\FS.txt", "FAT32|" + Lower (fake::BlkidUuid ("fat32")) + "\r\n" + fs + "|" + s.uuid + "\r\n");
 
   src.Put ("\\velmaro_write_test.txt", "scratch");
@@ -94,10 +95,10 @@ void Fill (Stick &s) {
   src.Put ("\\boot\\BCD_BAK", "older kept store");
   src.Put ("\\boot\\BCD.bak", "older store put aside");
   src.Put ("\\boot\\backup\\bcd_a", kStoreA);
-  src.Put ("\\boot\\backup\\bcd_a.md5", Md5Hex (kStoreA) + "\r\n");
+  src.Put ("\\boot\\backup\\bcd_a.md5", kMd5StoreA + "\r\n");
   src.Put ("\\boot\\bcd_b", kStoreB);
   src.Put ("\\boot\\backup\\bcd_b", kStoreB);
-  src.Put ("\\boot\\backup\\bcd_b.md5", Md5Hex (kStoreB) + "\r\n");
+  src.Put ("\\boot\\backup\\bcd_b.md5", kMd5StoreB + "\r\n");
   src.Put ("\\sources\\s-win-a.txt", "");
   src.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n" + part);
   src.Put ("\\sources\\install.wim", kWimA);
@@ -225,18 +226,18 @@ std::vector<Row> Rows () {
     { "Md5OfFile", kEvery, [](Stick &s) {
         CHAR16           digest[VELMARO_MD5_CHARS] = {};
         const EFI_STATUS st = Md5OfFile (s.root, P (u"\\sources\\install.wim"), digest);
-        EXPECT_EQ (Str (digest), EFI_ERROR (st) ? "" : Md5Hex (kWimA));
+        EXPECT_EQ (Str (digest), EFI_ERROR (st) ? "" : kMd5WimA);
         return st;
       }, ok, { PassedOn } },
     { "ReadMd5File", kEvery, [](Stick &s) {
         CHAR16           digest[VELMARO_MD5_CHARS];
         const EFI_STATUS st = ReadMd5File (s.root, P (u"\\boot\\backup\\bcd_a.md5"), digest);
-        EXPECT_EQ (Str (digest), EFI_ERROR (st) ? "" : Md5Hex (kStoreA));
+        EXPECT_EQ (Str (digest), EFI_ERROR (st) ? "" : kMd5StoreA);
         return st;
       }, ok, { PassedOn, bad } },
     { "FileMatchesBcdMd5", kEvery, [](Stick &s) {
         GROUP_STATE state = State ("bcd_a");
-        SetField (state.BcdMd5, Md5Hex (kStoreA));
+        SetField (state.BcdMd5, kMd5StoreA);
         return FileMatchesBcdMd5 (s.root, P (u"\\boot\\backup\\bcd_a"), &state);
       }, ok, { PassedOn } },
 
@@ -335,7 +336,7 @@ std::vector<Row> Rows () {
         return st;
       }, ok, { PassedOn, oor, nf, bad } },
     { "LookupBcdNameByMd5", kBootOnly, [](Stick &s) {
-        const EFI_STATUS st = LookupBcdNameByMd5 (s.bootRoot, P (fake::U16 (Md5Hex (kStoreB)).c_str ()), s.text);
+        const EFI_STATUS st = LookupBcdNameByMd5 (s.bootRoot, P (fake::U16 (kMd5StoreB).c_str ()), s.text);
         EXPECT_EQ (Str (s.text), EFI_ERROR (st) ? "" : "bcd_b");
         return st;
       }, ok, { PassedOn, oor, nf, bad } },
@@ -362,7 +363,7 @@ std::vector<Row> Rows () {
         const EFI_STATUS st = RepairActiveBcd (&s.context, s.source->Handle (), s.root);
         if (!EFI_ERROR (st)) EXPECT_TRUE (s.Src ().Get ("\\boot\\BCD") == kStoreA) << "not group a's store";
         return st;
-      }, ok, { PassedOn, dev, bad, oor, taken }, {}, [](Stick &s) { SetField (s.context.Requested.BcdMd5, Md5Hex (kStoreA)); }, {},
+      }, ok, { PassedOn, dev, bad, oor, taken }, {}, [](Stick &s) { SetField (s.context.Requested.BcdMd5, kMd5StoreA); }, {},
       { { Op::Open, 13 }, { Op::Read, 6 } } },
     // A store that no source names goes to its ".bak" name, past every source.
     { "NormalizeBcdByMd5_Unknown", kEvery, [](Stick &s) {
