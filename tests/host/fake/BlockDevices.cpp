@@ -305,15 +305,16 @@ const ToolImage *MadeByTool (const std::string &kind) {
 
 }  // namespace
 
-// On a FAT volume's handle, the bytes its own medium starts with change nothing: the Block
-// I/O stays that of the disk the driver reads. Other bytes give the handle another Block
-// I/O (the driver keeps reading its disk).
+// On a FAT volume's handle, bytes that start with its own boot sector change nothing: the
+// Block I/O stays that of the disk the driver reads (whose FSInfo sector the driver may
+// since have updated). Other bytes give the handle another Block I/O (the driver keeps
+// reading its disk).
 BlockDevice &Firmware::AddBlockIo (EFI_HANDLE handle, const std::vector<uint8_t> &firstBlocks, UINT32 blockSize, bool logicalPartition) {
   for (const auto &existing : blockDevices) {
     if (existing->handle != handle || !existing->disk || FindRaw (handle, gEfiBlockIoProtocolGuid) != &existing->proto) continue;
-    std::vector<uint8_t> start (firstBlocks.size ());
+    std::vector<uint8_t> start (std::min<size_t>(firstBlocks.size (), 512));
     existing->disk->Read (0, start.data (), start.size ());
-    if (start == firstBlocks && blockSize == existing->media.BlockSize && logicalPartition == existing->media.LogicalPartition) return *existing;
+    if (firstBlocks.size () >= 512 && std::equal (start.begin (), start.end (), firstBlocks.begin ()) && blockSize == existing->media.BlockSize && logicalPartition == existing->media.LogicalPartition) return *existing;
   }
   auto device    = std::make_unique<BlockDevice>();
   device->handle = handle;
