@@ -145,7 +145,6 @@ class Runner {
     {
       ::testing::ScopedFakeTestPartResultReporter collect (::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD,
                                                            &problems);
-      fw_.reset ();
       fw_                 = std::make_unique<fake::Firmware>();
       LogFile             = nullptr;
       AdvancedDiagnostics = FALSE;
@@ -171,6 +170,7 @@ class Runner {
       EXPECT_EQ (fw_->OpenHandles (), handles) << "file handles left open";
       EXPECT_EQ (fake::Firmware::LivePool (), pool) << "pool buffers leaked";
       for (size_t i = 0; i < watched.size (); ++i) ExpectNoGroupDataLost (before[i], *watched[i].volume, watched[i].groups);
+      fw_.reset ();   // what the firmware finds left over when it goes belongs to this run
     }
 
     std::ostringstream why;
