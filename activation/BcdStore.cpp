@@ -191,6 +191,12 @@ RepairActiveBcd (
 
   LogPrint (L16 (u"BCD atomico: recupero BCD coerente da %s\n"), Backup);
   Status = CopyFileVerified (Root, Backup, ACTIVE_BCD_PATH);
+  if (Status == EFI_ACCESS_DENIED) {
+    // "\boot\BCD" holds a store after all (its test answered wrongly): it is not ours
+    // to move, and the copy did not touch it.
+    return Status;
+  }
+
   if (!EFI_ERROR (Status)) {
     Status = FileMatchesBcdMd5 (Root, ACTIVE_BCD_PATH, &Context->Requested);
   }

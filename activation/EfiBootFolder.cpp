@@ -108,6 +108,21 @@ NormalizeEfiBcdByMd5 (
   return MoveAsideToBak (Volume, Root, Path);
 }
 
+STATIC
+VOID
+MoveFailedCopyAside (
+  IN EFI_HANDLE         Volume,
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Target
+  )
+{
+  BOOLEAN  Exists;
+
+  if (!EFI_ERROR (FileExists (Root, Target, &Exists))) {
+    MoveAsideToBak (Volume, Root, Target);
+  }
+}
+
 EFI_STATUS
 TryEfiBcdCandidate (
   IN     CONST ACTIVATION_CONTEXT  *Context,
@@ -148,7 +163,22 @@ TryEfiBcdCandidate (
     }
 
     Status = CopyFileVerified (Root, Path, Target);
-    return EFI_ERROR (Status) ? Status : VerifyEfiBcd (Root, Target, State);
+    if (Status == EFI_ACCESS_DENIED) {
+      // The target holds a store after all; the copy left it alone.
+      return Status;
+    }
+
+    if (!EFI_ERROR (Status)) {
+      Status = VerifyEfiBcd (Root, Target, State);
+    }
+
+    if (EFI_ERROR (Status)) {
+      // A copy that failed or does not match must not stay under the active name, and the
+      // next source needs the name free: it is kept aside, never deleted.
+      MoveFailedCopyAside (Volume, Root, Target);
+    }
+
+    return Status;
   }
 
   LogPrint (L16 (u"BCD EFI fallback non valido %s: %r (0x%lx)\n"), Path, Status, Status);

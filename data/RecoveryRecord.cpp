@@ -140,17 +140,25 @@ RecordReadSrcFs (
   return ReadRecordKeyWide (Text, "SRC_FS|", VELMARO_FS_CHARS, FALSE, SrcFs);
 }
 
+/**
+  RecordWrite's body. With OldSize other than MAX_UINTN the file must still hold exactly
+  that many bytes: the new text is the old one plus a line, and a text that was read
+  short (or stops at a NUL byte) would otherwise cut the record's later lines.
+**/
+STATIC
 EFI_STATUS
-RecordWrite (
+WriteRecordText (
   IN EFI_FILE_PROTOCOL  *Root,
   IN CONST CHAR16       *Path,
-  IN CONST CHAR8        *Text
+  IN CONST CHAR8        *Text,
+  IN UINTN              OldSize
   )
 {
-  FileGuard   File;
-  UINTN       Length;
-  UINTN       Written;
-  EFI_STATUS  Status;
+  FileGuard                 File;
+  PoolGuard<EFI_FILE_INFO>  Info;
+  UINTN                     Length;
+  UINTN                     Written;
+  EFI_STATUS                Status;
 
   if ((Root == nullptr) || (Path == nullptr) || (Text == nullptr)) {
     return EFI_INVALID_PARAMETER;
@@ -159,6 +167,17 @@ RecordWrite (
   Status = Root->Open (Root, File.Out (), const_cast<CHAR16 *>(Path), EFI_FILE_MODE_CREATE | EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, 0);
   if (EFI_ERROR (Status)) {
     return Status;
+  }
+
+  if (OldSize != MAX_UINTN) {
+    Status = GetFileInfoAlloc (File.Get (), Info.Out (), nullptr);
+    if (EFI_ERROR (Status)) {
+      return Status;
+    }
+
+    if (Info->FileSize != OldSize) {
+      return EFI_COMPROMISED_DATA;
+    }
   }
 
   Status = File->SetPosition (File.Get (), 0);
@@ -172,6 +191,16 @@ RecordWrite (
   File->Flush (File.Get ());
   File.Close ();
   return (EFI_ERROR (Status) || (Written < Length)) ? EFI_DEVICE_ERROR : EFI_SUCCESS;
+}
+
+EFI_STATUS
+RecordWrite (
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Path,
+  IN CONST CHAR8        *Text
+  )
+{
+  return WriteRecordText (Root, Path, Text, MAX_UINTN);
 }
 
 /**
@@ -203,7 +232,7 @@ AppendRecordLine (
   }
 
   AsciiSPrint (NewText.Get (), Size, Format, Text, Separator, Value);
-  return RecordWrite (Root, Path, NewText.Get ());
+  return WriteRecordText (Root, Path, NewText.Get (), OldLength);
 }
 
 typedef EFI_STATUS (*RECORD_KEY_READER)(CONST CHAR8 *Text, CHAR16 *Value);

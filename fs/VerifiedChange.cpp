@@ -217,10 +217,14 @@ MoveAsideToBak (
   return RenameVerified (Volume, Root, Path, BakPath);
 }
 
-/** Shortens an open file to 0 bytes; a file that is empty already is left alone. **/
+/**
+  A destination that already holds bytes is not ours to write over: an existence test
+  that answered "absent" wrongly must not cost a store its only copy. A file that the
+  create-open has just made (or an empty one) is taken.
+**/
 STATIC
 EFI_STATUS
-TruncateFile (
+RefuseFilledDestination (
   IN EFI_FILE_PROTOCOL  *File
   )
 {
@@ -229,13 +233,11 @@ TruncateFile (
   EFI_STATUS                Status;
 
   Status = GetFileInfoAlloc (File, Info.Out (), &InfoSize);
-  if (EFI_ERROR (Status) || (Info->FileSize == 0)) {
+  if (EFI_ERROR (Status)) {
     return Status;
   }
 
-  Info->FileSize = 0;
-  KeepTimes (Info.Get ());
-  return File->SetInfo (File, &gEfiFileInfoGuid, InfoSize, Info.Get ());
+  return (Info->FileSize == 0) ? EFI_SUCCESS : EFI_ACCESS_DENIED;
 }
 
 EFI_STATUS
@@ -274,9 +276,11 @@ CopyFileVerified (
     return Status;
   }
 
-  // A copy onto an older, longer file must not keep that file's tail.
-  Status = TruncateFile (To.Get ());
+  Status = RefuseFilledDestination (To.Get ());
   if (EFI_ERROR (Status)) {
+    To.Close ();
+    From.Close ();
+    LogPrint (L16 (u"copy verified: open destination failed %s: %r (0x%lx)\n"), Destination, Status, Status);
     return Status;
   }
 

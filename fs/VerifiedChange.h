@@ -56,9 +56,13 @@ MoveAsideToBak (
   IN CONST CHAR16       *Path
   );
 
-/** Copies Source into Destination (created when missing, emptied when it exists) in
-    4096-byte chunks. A failed copy leaves a partial destination; callers prove content
-    by digest. **/
+/**
+  Copies Source into a new Destination in 4096-byte chunks and flushes it. A failed copy
+  leaves a partial destination; callers prove content by digest.
+
+  @retval EFI_ACCESS_DENIED  Destination already holds bytes; it is left untouched.
+  @retval EFI_DEVICE_ERROR   A write failed or came up short.
+**/
 EFI_STATUS
 CopyFileVerified (
   IN EFI_FILE_PROTOCOL  *Root,

@@ -296,7 +296,7 @@ std::vector<Row> Rows () {
         if (!EFI_ERROR (st)) st = RefreshActiveRecord (s.source->Handle (), s.root, &text);
         if (text != nullptr) FreePool (text);
         return st;
-      }, ok, { PassedOn, dev, oor }, { { Kind::Fat32, { EFI_UNSUPPORTED } } } },
+      }, ok, { PassedOn, dev, oor, bad }, { { Kind::Fat32, { EFI_UNSUPPORTED } } } },
     // Any failure to open the marker means "not this group".
     { "MarkerIdFileExists", kEvery, [](Stick &s) { return MarkerIdFileExists (s.root, P (u"\\sources"), A ("s-win-a")); }, ok, { nf } },
 

@@ -135,12 +135,20 @@ TEST_F (VerifiedChangeTest, CopyGoesChunkByChunk) {
     std::string data (size, '\0');
     for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i * 7 + size);
     boot.Put ("\\boot\\backup\\bcd_w10", data);
+    boot.Remove ("\\boot\\copy");
     fw.faults.Reset ();
     EXPECT_EQ (Copy (), EFI_SUCCESS);
     EXPECT_TRUE (boot.Get ("\\boot\\copy") == data) << "copy of " << size << " bytes differs";
     EXPECT_EQ (fw.faults.Calls (Op::Read), reads) << size;
     EXPECT_TRUE (boot.Exists ("\\boot\\backup\\bcd_w10"));
   }
+  // A destination that holds bytes (its test may have answered "absent" wrongly) is never
+  // written over; an empty one is taken.
+  EXPECT_EQ (Copy (), EFI_ACCESS_DENIED);
+  EXPECT_EQ (boot.Get ("\\boot\\copy").size (), 4097u);
+  EXPECT_TRUE (Has (Console (), "] copy verified: open destination failed \\boot\\copy: Access Denied (0x800000000000000F)\r\n"));
+  boot.Put ("\\boot\\copy", "");
+  EXPECT_EQ (Copy (), EFI_SUCCESS);
   const std::string log = Log ();
   EXPECT_TRUE (Has (log, "] copy verified: \\boot\\backup\\bcd_w10 -> \\boot\\copy\r\n"));
   EXPECT_TRUE (Has (log, "] copy verified OK: \\boot\\backup\\bcd_w10 -> \\boot\\copy\r\n"));
