@@ -27,21 +27,38 @@ TEST_F (LogTest, MarkerFileSwitchesOnDiagnosticsAndMissingOldLogIsSilent) {
   EXPECT_FALSE (Has (Console (), "InitLog Delete"));
 }
 
+// Both directions a counter can run: the local APIC timer counts down, the time-stamp
+// counter we ship counts up. A reading past the start point (a reload or a wrap) is 0 ms.
 TEST_F (LogTest, StampCountsMillisecondsAndNeverGoesNegative) {
-  fw.frequency = 1000000;   // slow enough for two minutes in the 32-bit counter
-  ASSERT_EQ (InitLog (fw.image), EFI_SUCCESS);
-  fw.AdvanceMs (123456);
-  LogPrint (W (u"a\n"));
-  fw.counter = fw.counterStart;   // reloaded above the start point
-  LogPrint (W (u"b\n"));
-  CloseLog ();
-  LogPrint (W (u"c\n"));   // after the close: console only, 0 ms
+  for (const bool up : { false, true }) {
+    fw.frequency = 1000000;   // slow enough for two minutes in the 32-bit counter
+    if (up) fw.CountUp ();
+    fw.console.clear ();
+    ASSERT_EQ (InitLog (fw.image), EFI_SUCCESS);
+    fw.AdvanceMs (123456);
+    LogPrint (W (u"a\n"));
+    fw.counter = up ? 0 : fw.counterStart;   // reloaded or wrapped past the start point
+    LogPrint (W (u"b\n"));
+    CloseLog ();
+    LogPrint (W (u"c\n"));   // after the close: console only, 0 ms
 
-  const std::string log = LogText ();
-  EXPECT_TRUE (Has (log, "[+00123456 ms] a\r\n"));
-  EXPECT_TRUE (Has (log, "[+00000000 ms] b\r\n"));
-  EXPECT_FALSE (Has (log, "] c"));
-  EXPECT_TRUE (Has (Console (), "[+00000000 ms] c\r\n"));
+    const std::string log = LogText ();
+    EXPECT_TRUE (Has (log, "[+00123456 ms] a\r\n")) << (up ? "up" : "down");
+    EXPECT_TRUE (Has (log, "[+00000000 ms] b\r\n")) << (up ? "up" : "down");
+    EXPECT_FALSE (Has (log, "] c"));
+    EXPECT_TRUE (Has (Console (), "[+00000000 ms] c\r\n"));
+  }
+}
+
+// The machine may be switched off at any line: what the driver has put on the medium
+// must already hold every line logged so far.
+TEST_F (LogTest, EveryLineIsOnTheMediumBeforeTheNextStep) {
+  ASSERT_EQ (InitLog (fw.image), EFI_SUCCESS);
+  LogPrint (W (u"first step\n"));
+  LogPrint (W (u"second step\n"));
+  fake::Volume &afterPowerCut = fw.AddVolume (boot.DiskImage ());
+  const std::string log = LogText (afterPowerCut);
+  EXPECT_TRUE (Has (log, "] first step\r\n[+00000000 ms] second step\r\n"));
 }
 
 TEST_F (LogTest, LongMessagesAreCutAndConsoleShowsFirst320Characters) {

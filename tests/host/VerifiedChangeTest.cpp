@@ -46,6 +46,41 @@ TEST_F (VerifiedChangeTest, DriverRefusingPathsGetsTheLeafName) {
   EXPECT_TRUE (Has (log, "] rename verified: destination missing after rename \\boot\\r.txt status=Not Found (0x800000000000000E) exists=0\r\n"));
 }
 
+// A driver whose roots keep showing the volume as it was: only a root opened after the
+// change can prove it.
+TEST_F (VerifiedChangeTest, ProofsLookAtAFreshlyOpenedRoot) {
+  root->Close (root);
+  boot.staleView = true;
+  OpenBoot ();
+  EXPECT_EQ (Rename (u"\\boot\\bcd_w10", u"\\boot\\BCD"), EFI_SUCCESS);
+  EXPECT_EQ (Rename (u"\\w10", u"\\sources"), EFI_SUCCESS);
+  EXPECT_EQ (DeleteFileVerified (boot.Handle (), root, W (u"\\sources\\recovery.txt")), EFI_SUCCESS);
+  EXPECT_EQ (boot.Get ("\\boot\\BCD"), "store");
+  EXPECT_FALSE (boot.Exists ("\\sources\\recovery.txt"));
+}
+
+// FAT turns a zero date on the medium into a time its own SetInfo refuses: an entry
+// written by a tool that leaves dates at zero must still be renamed.
+TEST_F (VerifiedChangeTest, EntriesWithAZeroDateAreRenamed) {
+  boot.Put ("\\zero.bin", "store");
+  boot.Mkdir ("\\zdir\\boot");
+  std::vector<uint8_t> bytes = boot.DiskImage ().Bytes ();
+  for (const std::string shortName : { "ZERO    BIN", "ZDIR       " }) {
+    auto at = std::search (bytes.begin (), bytes.end (), shortName.begin (), shortName.end ());
+    ASSERT_NE (at, bytes.end ()) << shortName;
+    std::fill (at + 13, at + 20, 0);   // creation time and date, last access date
+    std::fill (at + 22, at + 26, 0);   // modification time and date
+  }
+  fake::Volume      &old     = fw.AddVolume (fake::Disk (bytes));
+  EFI_FILE_PROTOCOL *oldRoot = nullptr;
+  ASSERT_EQ (OpenRoot (old.Handle (), &oldRoot), EFI_SUCCESS);
+  EXPECT_EQ (RenameVerified (old.Handle (), oldRoot, W (u"\\zero.bin"), W (u"\\boot\\BCD")), EFI_SUCCESS);
+  EXPECT_EQ (RenameVerified (old.Handle (), oldRoot, W (u"\\zdir"), W (u"\\sources")), EFI_SUCCESS);
+  oldRoot->Close (oldRoot);
+  EXPECT_EQ (old.Get ("\\boot\\BCD"), "store");
+  EXPECT_TRUE (old.Exists ("\\sources\\boot"));
+}
+
 TEST_F (VerifiedChangeTest, RenameFailuresAreReportedAndNotUndone) {
   // line: null when no SetInfo failure may be reported
   const struct { const char *name; const char16_t *from, *to; fake::Fault fault; EFI_STATUS result; bool moved; const char *line; } rows[] = {

@@ -660,7 +660,11 @@ void Firmware::SetLoadOptionBytes (const std::vector<uint8_t> &bytes) {
 
 void Firmware::AdvanceMs (uint64_t ms) {
   uint64_t ticks = ms * (frequency / 1000);
-  counter = ticks > counter ? counterStart - (ticks - counter) : counter - ticks;
+  if (countsUp) {
+    counter = (counter + ticks) % (counterStart + 1);
+  } else {
+    counter = ticks > counter ? counterStart - (ticks - counter) : counter - ticks;
+  }
 }
 
 size_t Firmware::LivePool () { return Pool ().size (); }
@@ -713,8 +717,9 @@ VOID EFIAPI FreePool (VOID *buffer) { fake::PoolFree (buffer); }
 UINT64 EFIAPI GetPerformanceCounter (VOID) { return Firmware::Current ().counter; }
 
 UINT64 EFIAPI GetPerformanceCounterProperties (UINT64 *start, UINT64 *end) {
-  if (start != nullptr) *start = Firmware::Current ().counterStart;
-  if (end != nullptr) *end = 0;
+  const Firmware &fw = Firmware::Current ();
+  if (start != nullptr) *start = fw.countsUp ? 0 : fw.counterStart;
+  if (end != nullptr) *end = fw.countsUp ? fw.counterStart : 0;
   return Firmware::Current ().frequency;
 }
 

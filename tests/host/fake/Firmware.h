@@ -206,8 +206,12 @@ class Firmware {
   void SetLoadOptions (const std::u16string &options);
   void SetLoadOptionBytes (const std::vector<uint8_t> &bytes);
 
-  // Simulated clock: the local APIC counter counts down from counterStart.
+  // Simulated clock: the local APIC counter counts down from counterStart to 0, wrapping;
+  // with countsUp, a free-running counter (the time-stamp counter we ship) counts from 0
+  // up to counterStart.
   void AdvanceMs (uint64_t ms);
+  void CountUp () { countsUp = true; counter = 0; }
+  bool     countsUp = false;
   uint64_t counter = 0;
   uint64_t counterStart = 0xFFFFFFFFull;
   uint64_t frequency    = 200000000ull;
