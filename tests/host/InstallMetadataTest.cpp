@@ -101,9 +101,6 @@ TEST_F (InstallMetadataTest, UnreadableOrBrokenFilesFailEveryLookupWithTheirStat
 
   EXPECT_EQ (LookupFsTxt (root, W (u"01d9f3a2b4c5d6e7"), fs), EFI_NOT_FOUND);
   EXPECT_TRUE (Has (Console (), "] Metadata SOURCE FS: FS.txt non disponibile: Not Found (0x800000000000000E)\r\n"));
-  EXPECT_EQ (LookupSourceMetadata (root, nullptr, fs, uuid), EFI_INVALID_PARAMETER);
-  EXPECT_EQ (LookupGroupNames (root, A (ID), nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ (LookupBcdNameByMd5 (root, nullptr, name), EFI_INVALID_PARAMETER);
   EXPECT_EQ (LookupFsTxt (root, W (u""), fs), EFI_INVALID_PARAMETER);
 }
 
