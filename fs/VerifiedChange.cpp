@@ -8,9 +8,10 @@
 #include "../app/DiagnosticLog.h"
 
 /**
-  Clears the three times of a FILE_INFO before SetInfo. Zero means "leave unchanged";
-  passing GetInfo's own times back fails on FAT, whose driver turns a zero date on the
-  medium into a time that its SetInfo then refuses as invalid.
+  Clears the three times of a FILE_INFO before SetInfo: zero leaves the times to the
+  driver (FAT keeps the creation time and stamps the modification time). Passing
+  GetInfo's own times back fails on FAT, whose driver turns a zero date on the medium
+  into a time that its own SetInfo then refuses as invalid.
 **/
 STATIC
 VOID
