@@ -40,19 +40,19 @@ TEST_F (FileAccessTest, ReadWholeFileFailuresLeaveNothingBehind) {
     { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 1 }, { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 2 },
     { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 3 }, { Op::Read, EFI_VOLUME_CORRUPTED, 1 },
   };
-  // A name long enough that its information does not fit the first 592 bytes. FAT keeps
-  // names to 255 characters, whose information always fits: the file is on a stand-in.
-  const std::string longName = "\\" + std::string (300, 'n');
+  // Information that does not fit the first 592 bytes, as NTFS answers for a name longer
+  // than FAT's 255 characters: the driver's answer comes from a fault.
+  const std::string longName = "\\" + std::string (255, 'n');
   fake::Volume      &other   = fw.AddVolume (fake::Fs::Ntfs);
   other.Put (longName, "data");
   root->Close (root);
   ASSERT_EQ (OpenRoot (other.Handle (), &root), EFI_SUCCESS);
   for (const auto &row : rows) {
-    fw.faults.Set (row);
+    fw.faults.Set (row), fw.faults.Fail (Op::GetInfo, EFI_BUFFER_TOO_SMALL, 1, longName);
     EXPECT_EQ (Read (longName, row.status), "<none>") << static_cast<int>(row.op) << " #" << row.nth;
     EXPECT_EQ (fw.OpenHandles (), 1) << "only the test's root stays open";
   }
-  fw.faults.Reset ();
+  fw.faults.Set ({ Op::GetInfo, EFI_BUFFER_TOO_SMALL, 1, longName });
   EXPECT_EQ (Read (longName), "data");
   EXPECT_EQ (fw.faults.Calls (Op::GetInfo), 2u);
 }

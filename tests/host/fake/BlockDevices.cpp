@@ -1,9 +1,8 @@
-// Block devices, device paths and boot sectors of the fake. Block I/O answers as a USB
-// mass storage or partition driver (MdeModulePkg's UsbMassStorageDxe, PartitionDxe) does;
-// boot sectors come from the real formatting tools, so that our reading of them is checked
-// against what those tools write and what blkid reads back.
+// Media, block devices, device paths and boot sectors of the fake. Block I/O answers as a
+// USB mass storage or partition driver (MdeModulePkg's UsbMassStorageDxe, PartitionDxe)
+// does, Disk I/O as DiskIoDxe above it; boot sectors come from the real formatting tools,
+// so that our reading of them is checked against what those tools write and blkid reads.
 #include "Firmware.h"
-#include "Internal.h"
 
 #include <gtest/gtest.h>
 
@@ -15,51 +14,28 @@
 #include <fstream>
 #include <iterator>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace fake {
 
-// --- Disk ------------------------------------------------------------------------
-
-Disk::Disk (const std::vector<uint8_t> &bytes) : size_ (bytes.size ()) {
-  static const std::vector<uint8_t> kZeros (kChunk, 0);
-  auto chunks = std::make_shared<Chunks>();
-  for (uint64_t at = 0; at < bytes.size (); at += kChunk) {
-    const size_t n = std::min<uint64_t>(kChunk, bytes.size () - at);
-    if (std::memcmp (bytes.data () + at, kZeros.data (), n) != 0) {
-      std::vector<uint8_t> &chunk = (*chunks)[at / kChunk];
-      chunk.assign (kChunk, 0);
-      std::copy (bytes.begin () + at, bytes.begin () + at + n, chunk.begin ());
-    }
-  }
-  base_ = std::move (chunks);
-}
+constexpr size_t kChunk = 4096;
 
 void Disk::Read (uint64_t offset, void *buffer, size_t count) const {
-  uint8_t *out = static_cast<uint8_t *>(buffer);
-  while (count > 0) {
-    const uint64_t index = offset / kChunk, within = offset % kChunk;
-    const size_t   n     = std::min<uint64_t>(count, kChunk - within);
-    const std::vector<uint8_t> *chunk = nullptr;
-    if (auto w = written_.find (index); w != written_.end ()) chunk = &w->second;
-    else if (base_) {
-      if (auto b = base_->find (index); b != base_->end ()) chunk = &b->second;
-    }
-    if (chunk != nullptr) std::memcpy (out, chunk->data () + within, n);
+  for (uint8_t *out = static_cast<uint8_t *>(buffer); count > 0;) {
+    const uint64_t within = offset % kChunk;
+    const size_t   n      = std::min<uint64_t>(count, kChunk - within);
+    if (auto w = written_.find (offset / kChunk); w != written_.end ()) std::memcpy (out, w->second.data () + within, n);
+    else if (offset + n <= Size ()) std::memcpy (out, base_->data () + offset, n);
     else std::memset (out, 0, n);
     out += n, offset += n, count -= n;
   }
 }
 
 void Disk::Write (uint64_t offset, const void *buffer, size_t count) {
-  const uint8_t *in = static_cast<const uint8_t *>(buffer);
-  while (count > 0) {
+  for (const uint8_t *in = static_cast<const uint8_t *>(buffer); count > 0;) {
     const uint64_t index = offset / kChunk, within = offset % kChunk;
     const size_t   n     = std::min<uint64_t>(count, kChunk - within);
     auto w = written_.find (index);
     if (w == written_.end ()) {
-      std::vector<uint8_t> chunk (kChunk, 0);
+      std::vector<uint8_t> chunk (kChunk);
       Read (index * kChunk, chunk.data (), kChunk);
       w = written_.emplace (index, std::move (chunk)).first;
     }
@@ -69,18 +45,18 @@ void Disk::Write (uint64_t offset, const void *buffer, size_t count) {
 }
 
 std::vector<uint8_t> Disk::Bytes () const {
-  std::vector<uint8_t> bytes (size_);
+  std::vector<uint8_t> bytes (Size ());
   Read (0, bytes.data (), bytes.size ());
   return bytes;
 }
 
 namespace {
 
-BlockDevice *DeviceOf (const EFI_BLOCK_IO_PROTOCOL *self) {
-  auto &devices = Firmware::Current ().blockDevices;
-  auto it       = std::find_if (devices.begin (), devices.end (), [&](const auto &d) { return &d->proto == self; });
-  if (it != devices.end ()) return it->get ();
-  ADD_FAILURE () << "Block I/O call on a protocol the fake never installed";
+template<typename T> BlockDevice *DeviceOf (const T *self, T BlockDevice::*member) {
+  for (const auto &d : Firmware::Current ().blockDevices) {
+    if (&(d.get ()->*member) == self) return d.get ();
+  }
+  ADD_FAILURE () << "a call on a device protocol the fake never installed";
   return nullptr;
 }
 
@@ -98,34 +74,24 @@ EFI_STATUS CheckRequest (const EFI_BLOCK_IO_MEDIA *media, UINT32 mediaId, EFI_LB
 }
 
 EFI_STATUS EFIAPI BlockRead (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LBA lba, UINTN size, VOID *buffer) {
-  BlockDevice *found = DeviceOf (self);
-  if (found == nullptr) return EFI_DEVICE_ERROR;
-  BlockDevice &device = *found;
-  device.reads.push_back ({ lba, size });
+  BlockDevice *device = DeviceOf (self, &BlockDevice::proto);
+  if (device == nullptr) return EFI_DEVICE_ERROR;
+  device->reads.push_back ({ lba, size });
   // A fault returns its status untouched: Fail an error, NoEffect success with nothing read.
   if (const Fault *f = Firmware::Current ().faults.Check (Op::ReadBlocks)) return f->status;
-
-  const EFI_BLOCK_IO_MEDIA *media = self->Media;
-  EFI_STATUS status = CheckRequest (media, mediaId, lba, size, buffer);
+  EFI_STATUS status = CheckRequest (self->Media, mediaId, lba, size, buffer);
   if (EFI_ERROR (status) || size == 0) return status;
-
-  uint64_t offset = lba * media->BlockSize;
-  if (device.disk) {
-    device.disk->Read (offset, buffer, size);
-    return EFI_SUCCESS;
-  }
+  const uint64_t offset = lba * self->Media->BlockSize;
+  if (device->disk) return device->disk->Read (offset, buffer, size), EFI_SUCCESS;
   std::memset (buffer, 0, size);
-  if (offset < device.bytes.size ()) {
-    std::memcpy (buffer, device.bytes.data () + offset, std::min<uint64_t>(size, device.bytes.size () - offset));
-  }
+  if (offset < device->bytes.size ()) std::memcpy (buffer, device->bytes.data () + offset, std::min<uint64_t>(size, device->bytes.size () - offset));
   return EFI_SUCCESS;
 }
 
 // Only a disk's medium takes writes; a boot-sector-only device is a read-only medium.
 EFI_STATUS EFIAPI BlockWrite (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LBA lba, UINTN size, VOID *buffer) {
-  BlockDevice *device = DeviceOf (self);
-  if (device == nullptr) return EFI_DEVICE_ERROR;
-  if (!device->disk || (self->Media != nullptr && self->Media->ReadOnly)) return EFI_WRITE_PROTECTED;
+  BlockDevice *device = DeviceOf (self, &BlockDevice::proto);
+  if (device == nullptr || !device->disk || (self->Media != nullptr && self->Media->ReadOnly)) return EFI_WRITE_PROTECTED;
   EFI_STATUS status = CheckRequest (self->Media, mediaId, lba, size, buffer);
   if (!EFI_ERROR (status) && size > 0) device->disk->Write (lba * self->Media->BlockSize, buffer, size);
   return status;
@@ -134,53 +100,23 @@ EFI_STATUS EFIAPI BlockWrite (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_L
 EFI_STATUS EFIAPI BlockReset (EFI_BLOCK_IO_PROTOCOL *, BOOLEAN) { return EFI_SUCCESS; }
 EFI_STATUS EFIAPI BlockFlush (EFI_BLOCK_IO_PROTOCOL *) { return EFI_SUCCESS; }
 
-// --- Disk I/O: byte offsets, no alignment, over the same medium -------------------
-
-EFI_STATUS DiskAccess (BlockDevice &device, UINT32 mediaId, UINT64 offset, UINTN size, VOID *buffer, bool write) {
-  const EFI_BLOCK_IO_MEDIA *media = &device.media;
-  if (!media->MediaPresent) return EFI_NO_MEDIA;
-  if (mediaId != media->MediaId) return EFI_MEDIA_CHANGED;
-  if (write && media->ReadOnly) return EFI_WRITE_PROTECTED;
+// Disk I/O: byte offsets, no alignment, over the same medium.
+template<bool Write> EFI_STATUS EFIAPI DiskAccess (EFI_DISK_IO_PROTOCOL *self, UINT32 mediaId, UINT64 offset, UINTN size, VOID *buffer) {
+  BlockDevice *device = DeviceOf (self, &BlockDevice::diskIo);
+  if (device == nullptr) return EFI_DEVICE_ERROR;
+  const EFI_BLOCK_IO_MEDIA &media = device->media;
+  if (!media.MediaPresent) return EFI_NO_MEDIA;
+  if (mediaId != media.MediaId) return EFI_MEDIA_CHANGED;
+  if (Write && media.ReadOnly) return EFI_WRITE_PROTECTED;
   if (size == 0) return EFI_SUCCESS;
-  if (buffer == nullptr) return EFI_INVALID_PARAMETER;
-  const uint64_t end = (media->LastBlock + 1) * media->BlockSize;
-  if (offset > end || size > end - offset) return EFI_INVALID_PARAMETER;
-  if (write) device.disk->Write (offset, buffer, size);
-  else device.disk->Read (offset, buffer, size);
+  const uint64_t end = (media.LastBlock + 1) * media.BlockSize;
+  if (buffer == nullptr || offset > end || size > end - offset) return EFI_INVALID_PARAMETER;
+  if (Write) device->disk->Write (offset, buffer, size);
+  else device->disk->Read (offset, buffer, size);
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI DiskRead (EFI_DISK_IO_PROTOCOL *self, UINT32 mediaId, UINT64 offset, UINTN size, VOID *buffer) {
-  return DiskAccess (*reinterpret_cast<DiskIoPort *>(self)->device, mediaId, offset, size, buffer, false);
-}
-
-EFI_STATUS EFIAPI DiskWrite (EFI_DISK_IO_PROTOCOL *self, UINT32 mediaId, UINT64 offset, UINTN size, VOID *buffer) {
-  return DiskAccess (*reinterpret_cast<DiskIoPort *>(self)->device, mediaId, offset, size, buffer, true);
-}
-
-EFI_STATUS Complete (EFI_DISK_IO2_TOKEN *token, EFI_STATUS status) {
-  if (token == nullptr || token->Event == nullptr || EFI_ERROR (status)) return status;
-  token->TransactionStatus = status;
-  Firmware::Current ().SignalEvent (token->Event);
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI DiskCancel (EFI_DISK_IO2_PROTOCOL *) { return EFI_SUCCESS; }
-
-EFI_STATUS EFIAPI DiskReadEx (EFI_DISK_IO2_PROTOCOL *self, UINT32 mediaId, UINT64 offset, EFI_DISK_IO2_TOKEN *token, UINTN size, VOID *buffer) {
-  return Complete (token, DiskAccess (*reinterpret_cast<DiskIo2Port *>(self)->device, mediaId, offset, size, buffer, false));
-}
-
-EFI_STATUS EFIAPI DiskWriteEx (EFI_DISK_IO2_PROTOCOL *self, UINT32 mediaId, UINT64 offset, EFI_DISK_IO2_TOKEN *token, UINTN size, VOID *buffer) {
-  return Complete (token, DiskAccess (*reinterpret_cast<DiskIo2Port *>(self)->device, mediaId, offset, size, buffer, true));
-}
-
-EFI_STATUS EFIAPI DiskFlushEx (EFI_DISK_IO2_PROTOCOL *, EFI_DISK_IO2_TOKEN *token) { return Complete (token, EFI_SUCCESS); }
-
-// --- Device paths --------------------------------------------------------------
-
-template<typename T>
-void AppendNode (std::vector<uint8_t> &path, T node, UINT8 type, UINT8 subType) {
+template<typename T> void AppendNode (std::vector<uint8_t> &path, T node, UINT8 type, UINT8 subType) {
   node.Header = { type, subType, { static_cast<UINT8>(sizeof (T)), static_cast<UINT8>(sizeof (T) >> 8) } };
   const uint8_t *bytes = reinterpret_cast<const uint8_t *>(&node);
   path.insert (path.end (), bytes, bytes + sizeof (T));
@@ -188,7 +124,7 @@ void AppendNode (std::vector<uint8_t> &path, T node, UINT8 type, UINT8 subType) 
 
 const std::vector<uint8_t> kEnd = { END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0 };
 
-std::vector<uint8_t> WithPartition (const std::vector<uint8_t> &disk, uint32_t number, const uint8_t *signature, size_t signatureBytes,
+std::vector<uint8_t> WithPartition (const std::vector<uint8_t> &disk, uint32_t number, const void *signature, size_t signatureBytes,
                                     UINT8 mbrType, UINT8 signatureType) {
   if (disk.size () < 4 || !std::equal (kEnd.begin (), kEnd.end (), disk.end () - 4)) ADD_FAILURE () << "the disk path does not end with an End node";
   std::vector<uint8_t>  path (disk.begin (), disk.end () - std::min<size_t>(4, disk.size ()));
@@ -206,13 +142,13 @@ std::vector<uint8_t> WithPartition (const std::vector<uint8_t> &disk, uint32_t n
 
 // --- Boot sectors by the real tools --------------------------------------------
 
-struct ToolImage { std::vector<uint8_t> firstBytes; std::string uuid; std::shared_ptr<Disk> whole; };
+struct ToolImage { std::vector<uint8_t> firstBytes; std::string uuid; std::vector<uint8_t> whole; };
 
 // Sizes are the smallest each tool accepts for that layout, with room to spare; the
 // images are sparse and deleted at once.
 struct Recipe { const char *kind, *tool, *package, *size, *options; };
 const Recipe kRecipes[] = {
-  // Every FAT volume starts as this image: FAT32's least cluster count at one sector per
+  // Every volume starts as this image: FAT32's least cluster count at one sector per
   // cluster, so that copies stay small.
   { "fat32", "mkfs.fat", "dosfstools", "33M", "-F 32 -s 1" },
   { "fat16", "mkfs.fat", "dosfstools", "16M", "-F 16" },
@@ -220,40 +156,16 @@ const Recipe kRecipes[] = {
   { "exfat", "mkfs.exfat", "exfatprogs", "8M", "" },
 };
 
-const std::string kToolPath = "PATH=\"$PATH:/usr/sbin:/sbin\" ";
-
 // Standard output of a shell command, without its line end; empty when it fails.
 std::string Output (const std::string &command) {
   std::string text;
-  if (FILE *pipe = popen ((kToolPath + command).c_str (), "r")) {
+  if (FILE *pipe = popen (("PATH=\"$PATH:/usr/sbin:/sbin\" " + command).c_str (), "r")) {
     char chunk[256];
     while (std::fgets (chunk, sizeof (chunk), pipe) != nullptr) text += chunk;
     if (pclose (pipe) != 0) text.clear ();
   }
   while (!text.empty () && (text.back () == '\n' || text.back () == '\r')) text.pop_back ();
   return text;
-}
-
-// A file's bytes as a disk, reading only its data extents.
-Disk SparseImage (const std::string &path) {
-  auto chunks = std::make_shared<Disk::Chunks>();
-  int  fd     = open (path.c_str (), O_RDONLY);
-  if (fd < 0) return Disk ();
-  const off_t size = lseek (fd, 0, SEEK_END);
-  for (off_t at = 0; at < size;) {
-    off_t data = lseek (fd, at, SEEK_DATA);
-    if (data < 0) break;
-    off_t hole = lseek (fd, data, SEEK_HOLE);
-    if (hole < 0) hole = size;
-    for (off_t chunk = data / Disk::kChunk * Disk::kChunk; chunk < hole; chunk += Disk::kChunk) {
-      std::vector<uint8_t> bytes (Disk::kChunk, 0);
-      if (pread (fd, bytes.data (), bytes.size (), chunk) < 0) break;
-      if (std::any_of (bytes.begin (), bytes.end (), [](uint8_t b) { return b != 0; })) (*chunks)[chunk / Disk::kChunk] = std::move (bytes);
-    }
-    at = hole;
-  }
-  close (fd);
-  return Disk (chunks, static_cast<uint64_t>(size));
 }
 
 // Null (with the test failed) when the tool is missing or refuses.
@@ -266,12 +178,11 @@ const ToolImage *MadeByTool (const std::string &kind) {
     return nullptr;
   }
   for (const char *tool : { recipe->tool, "blkid" }) {
-    if (std::system ((kToolPath + "command -v " + tool + " >/dev/null 2>&1").c_str ()) != 0) {
+    if (Output (std::string ("command -v ") + tool).empty ()) {
       ADD_FAILURE () << tool << " not found: install " << (tool == recipe->tool ? recipe->package : "util-linux") << " (scripts/setup.sh does)";
       return nullptr;
     }
   }
-
   std::string dir = (std::filesystem::temp_directory_path () / "velmaro-bootsector-XXXXXX").string ();
   if (mkdtemp (dir.data ()) == nullptr) {
     ADD_FAILURE () << "mkdtemp failed for " << dir;
@@ -279,42 +190,39 @@ const ToolImage *MadeByTool (const std::string &kind) {
   }
   const std::string image = dir + "/" + kind + ".img";
   ToolImage         result;
-  result.firstBytes.resize (4096);
   std::string log = Output ("truncate -s " + std::string (recipe->size) + " '" + image + "' && " + recipe->tool + " " + recipe->options +
                             " '" + image + "' 2>&1; echo \" exit=$?\"");
   bool ok = log.size () >= 7 && log.compare (log.size () - 7, 7, " exit=0") == 0;
   if (!ok) ADD_FAILURE () << recipe->tool << " " << recipe->options << " failed:\n" << log;
-  if (ok) {
-    std::ifstream in (image, std::ios::binary);
-    // Only the regions the tool wrote are read: the rest of the sparse image is zeros.
-    auto whole = std::make_shared<Disk>(SparseImage (image));
-    if (!(ok = whole->Size () >= 4096)) ADD_FAILURE () << recipe->tool << " left an image shorter than 4096 bytes";
-    if (ok) whole->Read (0, result.firstBytes.data (), 4096);
-    if (ok && kind == std::string ("fat32")) result.whole = whole;
-    // -c /dev/null: blkid probes the image itself and leaves the system's cache alone.
-    result.uuid = Output ("blkid -c /dev/null -o value -s UUID '" + image + "'");
-    if (ok && result.uuid.empty ()) {
-      ADD_FAILURE () << "blkid reports no UUID for the " << kind << " image";
-      ok = false;
-    }
+  std::ifstream in (image, std::ios::binary);
+  result.whole.assign (std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  if (ok && !(ok = result.whole.size () >= 4096)) ADD_FAILURE () << recipe->tool << " left an image shorter than 4096 bytes";
+  if (ok) result.firstBytes.assign (result.whole.begin (), result.whole.begin () + 4096);
+  if (kind != "fat32") result.whole.clear ();
+  // -c /dev/null: blkid probes the image itself and leaves the system's cache alone.
+  result.uuid = Output ("blkid -c /dev/null -o value -s UUID '" + image + "'");
+  if (ok && result.uuid.empty ()) {
+    ADD_FAILURE () << "blkid reports no UUID for the " << kind << " image";
+    ok = false;
   }
   std::error_code ignored;
   std::filesystem::remove_all (dir, ignored);
-  return ok ? &(made[kind] = result) : nullptr;
+  return ok ? &(made[kind] = std::move (result)) : nullptr;
 }
 
 }  // namespace
 
-// On a FAT volume's handle, bytes that start with its own boot sector change nothing: the
+// On a volume's handle, bytes that start with its own boot sector change nothing: the
 // Block I/O stays that of the disk the driver reads (whose FSInfo sector the driver may
 // since have updated). Other bytes give the handle another Block I/O (the driver keeps
-// reading its disk).
+// reading its disk through Disk I/O).
 BlockDevice &Firmware::AddBlockIo (EFI_HANDLE handle, const std::vector<uint8_t> &firstBlocks, UINT32 blockSize, bool logicalPartition) {
-  for (const auto &existing : blockDevices) {
-    if (existing->handle != handle || !existing->disk || FindRaw (handle, gEfiBlockIoProtocolGuid) != &existing->proto) continue;
-    std::vector<uint8_t> start (std::min<size_t>(firstBlocks.size (), 512));
-    existing->disk->Read (0, start.data (), start.size ());
-    if (firstBlocks.size () >= 512 && std::equal (start.begin (), start.end (), firstBlocks.begin ()) && blockSize == existing->media.BlockSize && logicalPartition == existing->media.LogicalPartition) return *existing;
+  for (const auto &d : blockDevices) {
+    if (d->handle != handle || !d->disk || Find (handle, gEfiBlockIoProtocolGuid) != &d->proto || firstBlocks.size () < 512 ||
+        blockSize != d->media.BlockSize || logicalPartition != d->media.LogicalPartition) continue;
+    std::vector<uint8_t> start (512);
+    d->disk->Read (0, start.data (), start.size ());
+    if (std::equal (start.begin (), start.end (), firstBlocks.begin ())) return *d;
   }
   auto device    = std::make_unique<BlockDevice>();
   device->handle = handle;
@@ -323,37 +231,26 @@ BlockDevice &Firmware::AddBlockIo (EFI_HANDLE handle, const std::vector<uint8_t>
                      blockSize == 0 || firstBlocks.empty () ? 0 : (firstBlocks.size () + blockSize - 1) / blockSize - 1, 0, 0, 0 };
   device->proto  = { EFI_BLOCK_IO_PROTOCOL_REVISION, &device->media, BlockReset, BlockRead, BlockWrite, BlockFlush };
   Uninstall (handle, gEfiBlockIoProtocolGuid);
-  blockDevices.push_back (std::move (device));
-  Install (handle, gEfiBlockIoProtocolGuid, &blockDevices.back ()->proto);
-  return *blockDevices.back ();
+  Install (handle, gEfiBlockIoProtocolGuid, &device->proto);
+  return *blockDevices.emplace_back (std::move (device));
 }
 
-BlockDevice &AddDiskDevice (Firmware &fw, EFI_HANDLE handle, std::shared_ptr<Disk> disk) {
-  auto device     = std::make_unique<BlockDevice>();
-  device->handle  = handle;
-  device->disk    = std::move (disk);
-  device->media   = { 1, TRUE, TRUE, TRUE, FALSE, FALSE, 512, 0, device->disk->Size () / 512 - 1, 0, 0, 0 };
-  device->proto   = { EFI_BLOCK_IO_PROTOCOL_REVISION, &device->media, BlockReset, BlockRead, BlockWrite, BlockFlush };
-  device->diskIo  = { { EFI_DISK_IO_PROTOCOL_REVISION, DiskRead, DiskWrite }, device.get () };
-  device->diskIo2 = { { EFI_DISK_IO2_PROTOCOL_REVISION, DiskCancel, DiskReadEx, DiskWriteEx, DiskFlushEx }, device.get () };
-  fw.Install (handle, gEfiBlockIoProtocolGuid, &device->proto);
-  fw.Install (handle, gEfiDiskIoProtocolGuid, &device->diskIo.proto);
-  fw.Install (handle, gEfiDiskIo2ProtocolGuid, &device->diskIo2.proto);
-  fw.blockDevices.push_back (std::move (device));
-  return *fw.blockDevices.back ();
+BlockDevice &Firmware::AddDisk (EFI_HANDLE handle, std::shared_ptr<Disk> disk) {
+  auto device    = std::make_unique<BlockDevice>();
+  device->handle = handle;
+  device->disk   = std::move (disk);
+  device->media  = { 1, TRUE, TRUE, TRUE, FALSE, FALSE, 512, 0, device->disk->Size () / 512 - 1, 0, 0, 0 };
+  device->proto  = { EFI_BLOCK_IO_PROTOCOL_REVISION, &device->media, BlockReset, BlockRead, BlockWrite, BlockFlush };
+  device->diskIo = { EFI_DISK_IO_PROTOCOL_REVISION, DiskAccess<false>, DiskAccess<true> };
+  Install (handle, gEfiBlockIoProtocolGuid, &device->proto);
+  Install (handle, gEfiDiskIoProtocolGuid, &device->diskIo);
+  return *blockDevices.emplace_back (std::move (device));
 }
 
-void RemoveDevice (Firmware &fw, BlockDevice *device) {
-  fw.Uninstall (device->handle, gEfiDiskIo2ProtocolGuid);
-  fw.Uninstall (device->handle, gEfiDiskIoProtocolGuid);
-  if (fw.FindRaw (device->handle, gEfiBlockIoProtocolGuid) == &device->proto) fw.Uninstall (device->handle, gEfiBlockIoProtocolGuid);
-  auto &all = fw.blockDevices;
-  all.erase (std::remove_if (all.begin (), all.end (), [&](const auto &d) { return d.get () == device; }), all.end ());
-}
-
-Disk FormattedFat32 () {
-  const ToolImage *image = MadeByTool ("fat32");
-  return image == nullptr || !image->whole ? Disk () : *image->whole;
+void Firmware::RemoveDevice (BlockDevice *device) {
+  Uninstall (device->handle, gEfiDiskIoProtocolGuid);
+  if (Find (device->handle, gEfiBlockIoProtocolGuid) == &device->proto) Uninstall (device->handle, gEfiBlockIoProtocolGuid);
+  blockDevices.erase (std::find_if (blockDevices.begin (), blockDevices.end (), [&](const auto &d) { return d.get () == device; }));
 }
 
 void Firmware::SetDevicePath (EFI_HANDLE handle, std::vector<uint8_t> bytes) {
@@ -378,7 +275,7 @@ std::vector<uint8_t> UsbDiskPath (uint8_t port) {
 }
 
 std::vector<uint8_t> WithMbrPartition (const std::vector<uint8_t> &disk, uint32_t partitionNumber, uint32_t signature) {
-  return WithPartition (disk, partitionNumber, reinterpret_cast<const uint8_t *>(&signature), 4, MBR_TYPE_PCAT, SIGNATURE_TYPE_MBR);
+  return WithPartition (disk, partitionNumber, &signature, 4, MBR_TYPE_PCAT, SIGNATURE_TYPE_MBR);
 }
 
 std::vector<uint8_t> WithGptPartition (const std::vector<uint8_t> &disk, uint32_t partitionNumber, const std::array<uint8_t, 16> &guid) {
@@ -393,6 +290,11 @@ std::vector<uint8_t> BootSectorImage (const std::string &kind) {
 std::string BlkidUuid (const std::string &kind) {
   const ToolImage *image = MadeByTool (kind);
   return image == nullptr ? std::string () : image->uuid;
+}
+
+Disk FormattedFat32 () {
+  static const Disk formatted (MadeByTool ("fat32") == nullptr ? std::vector<uint8_t>() : MadeByTool ("fat32")->whole);
+  return formatted;
 }
 
 }  // namespace fake
