@@ -194,8 +194,9 @@ const ToolImage *MadeByTool (const std::string &kind) {
                             " '" + image + "' 2>&1; echo \" exit=$?\"");
   bool ok = log.size () >= 7 && log.compare (log.size () - 7, 7, " exit=0") == 0;
   if (!ok) ADD_FAILURE () << recipe->tool << " " << recipe->options << " failed:\n" << log;
-  std::ifstream in (image, std::ios::binary);
-  result.whole.assign (std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  std::ifstream in (image, std::ios::binary | std::ios::ate);
+  result.whole.resize (in ? static_cast<size_t>(in.tellg ()) : 0);
+  in.seekg (0).read (reinterpret_cast<char *>(result.whole.data ()), result.whole.size ());
   if (ok && !(ok = result.whole.size () >= 4096)) ADD_FAILURE () << recipe->tool << " left an image shorter than 4096 bytes";
   if (ok) result.firstBytes.assign (result.whole.begin (), result.whole.begin () + 4096);
   if (kind != "fat32") result.whole.clear ();

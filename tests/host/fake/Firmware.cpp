@@ -8,6 +8,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+
+#include <malloc.h>
 
 extern "C" EFI_STATUS VelmaroFatDriverLoad (EFI_HANDLE fatImage, EFI_HANDLE englishImage, EFI_SYSTEM_TABLE *systemTable);
 extern "C" long       VelmaroDriverPoolLive;
@@ -240,6 +243,9 @@ Firmware::Firmware () {
   EXPECT_EQ (gCurrent, nullptr) << "one fake firmware at a time";
   gCurrent           = this;
   driverPoolAtStart_ = VelmaroDriverPoolLive;
+  // The driver's disk cache (megabytes, at every mount) then comes zeroed from fresh pages,
+  // not cleared in a heap that freeing earlier caches made large enough to hold it.
+  mallopt (M_MMAP_THRESHOLD, 256 * 1024);
   counter            = counterStart;
   Fill<true>(bs, rt);
   Fill<false>(driverBs, driverRt);
