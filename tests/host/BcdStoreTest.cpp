@@ -90,6 +90,17 @@ TEST_F (BcdTest, RepairThatCannotSucceedChangesNoName) {
     const auto before = boot.Snapshot ();
     fw.faults.Set (row.fault);
     EXPECT_EQ (Active (), EFI_NOT_FOUND) << row.name;
+    if (row.fault.op == Op::None) {
+      // A backup that cannot repair anything is found out before anything moves.
+      const auto bootFolder = [](const std::map<std::string, std::string> &all) {
+        std::map<std::string, std::string> boot;
+        for (const auto &entry : all) {
+          if (entry.first.rfind ("\\boot", 0) == 0) boot.insert (entry);
+        }
+        return boot;
+      };
+      EXPECT_EQ (bootFolder (boot.Snapshot ()), bootFolder (before)) << row.name;
+    }
     EXPECT_EQ (boot.Get ("\\boot\\BCD"), stray) << row.name;
     EXPECT_FALSE (boot.Exists ("\\boot\\BCD_BAK")) << row.name;
     ExpectNoGroupDataLost (before, boot, groups);
@@ -109,6 +120,8 @@ TEST_F (BcdTest, StrayStoreGoesToItsOwnersName) {
     { "digest files", "", "", Md5Hex (storeB), "\\boot\\bcd_b" },
     { "nobody", "", "", Md5Hex (storeA), "\\boot\\BCD.bak" },
     { "owner's name taken", "", "ID|s-win-b\r\nBCD_MD5|" + Md5Hex (storeB) + "\r\n", "", "\\boot\\BCD.bak", true },
+    { "record of another partition", "", "ID|s-win-b\r\nSRC_PART|" + Lower (fake::BlkidUuid ("fat32")).substr (0, 5) + "zzzz\r\nBCD_MD5|" + Md5Hex (storeB) + "\r\n",
+      "", "\\boot\\BCD.bak" },
     { "install metadata names a taken name", "<software ID=\"s-win-b\" Der=\"Windows velmaro\"><BCD_MD5>" + Md5Hex (storeB) + "</BCD_MD5><BCD>bcd_b</BCD></software>",
       "", Md5Hex (storeB), "\\boot\\BCD.bak", true },
   };
@@ -144,6 +157,41 @@ TEST_F (BcdTest, StrayStoreGoesToItsOwnersName) {
   EXPECT_EQ (Normalize (), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\bcd_b"), storeB);
   EXPECT_TRUE (Has (Console (), "] WARN: software.xml non usabile per identificare BCD \\boot\\BCD: Volume Corrupt (0x800000000000000A)\r\n"));
+}
+
+// What the check does not know for sure it does not act on: a damaged digest file or a
+// store that cannot be read is a fault, not a reason to move the active store.
+TEST_F (BcdTest, FaultsAreReportedAndMoveNothing) {
+  boot.Put ("\\boot\\BCD", stray);
+  boot.Put ("\\boot\\backup\\bcd_a.md5", "not a digest");
+  EXPECT_EQ (Active (), EFI_COMPROMISED_DATA);
+  EXPECT_EQ (boot.Get ("\\boot\\BCD"), stray);
+  EXPECT_FALSE (boot.Exists ("\\boot\\BCD_BAK"));
+
+  boot.Put ("\\boot\\backup\\bcd_a.md5", Md5Hex (storeA));
+  const auto before = boot.Snapshot ();
+  fw.faults.Set ({ Op::Read, EFI_VOLUME_CORRUPTED, 1, "\\boot\\BCD" });
+  EXPECT_EQ (Active (), EFI_VOLUME_CORRUPTED);
+  EXPECT_EQ (boot.Get ("\\boot\\BCD"), stray);
+  EXPECT_FALSE (boot.Exists ("\\boot\\BCD_BAK"));
+  ExpectNoGroupDataLost (before, boot, groups);
+
+  // Without a digest there is nothing to repair towards.
+  boot.Remove ("\\boot\\backup\\bcd_a.md5");
+  SetField (context.Requested.BcdMd5, "");
+  fw.faults.Reset ();
+  EXPECT_EQ (RepairActiveBcd (&context, boot.Handle (), root), EFI_NOT_FOUND);
+  EXPECT_EQ (boot.Get ("\\boot\\BCD"), stray);
+}
+
+// A store under a group's name whose digest names that very group is still not the one
+// expected there: it is kept aside, never left in the way.
+TEST_F (BcdTest, StoreAlreadyUnderItsNameIsMovedAside) {
+  boot.Put ("\\boot\\bcd_b", storeB);
+  boot.Put ("\\boot\\backup\\bcd_b.md5", Md5Hex (storeB));
+  EXPECT_EQ (Normalize (W (u"\\boot\\bcd_b")), EFI_SUCCESS);
+  EXPECT_EQ (boot.Get ("\\boot\\bcd_b.bak"), storeB);
+  EXPECT_FALSE (boot.Exists ("\\boot\\bcd_b"));
 }
 
 TEST_F (BcdTest, StoreClaimedByTwoDigestFilesIsNamedByNeither) {
@@ -191,6 +239,8 @@ TEST_F (EfiBcdTest, CurrentStoreMakesRoomForTheRequestedOne) {
   EXPECT_TRUE (Has (log, "] BCD EFI MD5 caricato da \\efi\\microsoft\\boot\\backup\\bcd_b.md5\r\n"));
   EXPECT_TRUE (Has (log, "] BCD EFI identificato da stato/MD5, ripristino \\efi\\microsoft\\boot\\BCD -> \\efi\\microsoft\\boot\\bcd_a\r\n"));
   EXPECT_TRUE (Has (log, "] BCD EFI seconda partizione gia coerente: \\efi\\microsoft\\boot\\BCD\r\n"));
+  // The wrong store was moved before the candidates were looked at, not found among them.
+  EXPECT_FALSE (Has (log, "fallback non valido \\efi\\microsoft\\boot\\BCD"));
 }
 
 TEST_F (EfiBcdTest, StoreNamedInAnotherCaseIsFoundOnACaseExactDriver) {
@@ -252,6 +302,37 @@ TEST_F (EfiBcdTest, DuplicatesAndFailedCopiesAreKeptAsideAndTheNextSourceTried) 
   EXPECT_TRUE (Has (Console (), "] WARN: fallback BCD EFI backup microsoft fallito, provo backup EFI: Device Error (0x8000000000000007)\r\n"));
   EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\backup\\bcd_b"), efiB);
   EXPECT_EQ (ntfs.Get ("\\efi\\efi_b\\boot\\backup\\bcd_b"), efiB);
+}
+
+TEST_F (EfiBcdTest, StoresThatCannotBeCheckedStayWhereTheyAre) {
+  // The active name's store cannot be read: a fault, and the store keeps its name.
+  ntfs.Put ("\\efi\\microsoft\\boot\\BCD", efiA);
+  fw.faults.Set ({ Op::Read, EFI_VOLUME_CORRUPTED, 1, "microsoft\\boot\\BCD" });
+  EXPECT_EQ (Prepare (), EFI_VOLUME_CORRUPTED);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\BCD"), efiA);
+
+  // A candidate that cannot be read is passed over, not moved.
+  ntfs.Remove ("\\efi\\microsoft\\boot\\BCD");
+  ntfs.Put ("\\efi\\microsoft\\boot\\bcd_b", efiA);
+  fw.faults.Set ({ Op::Read, EFI_VOLUME_CORRUPTED, 1, "bcd_b" });
+  EXPECT_EQ (Prepare (), EFI_NOT_FOUND);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\bcd_b"), efiA);
+  EXPECT_FALSE (ntfs.Exists ("\\efi\\microsoft\\boot\\bcd_a"));
+
+  // A store already under its owner's name stays there.
+  fw.faults.Reset ();
+  ntfs.Put ("\\efi\\microsoft\\boot\\bcd_a", efiA);
+  EXPECT_EQ (NormalizeEfiBcdByMd5 (&context, ntfs.Handle (), ntfsRoot, W (u"\\efi\\microsoft\\boot\\bcd_a")), EFI_SUCCESS);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\bcd_a"), efiA);
+}
+
+// The microsoft backup comes before the EFI folder's own: a damaged one there does not
+// stop a coherent one here.
+TEST_F (EfiBcdTest, MicrosoftBackupIsTriedBeforeTheFoldersOwn) {
+  ntfs.Put ("\\efi\\microsoft\\boot\\backup\\bcd_b", efiB);
+  ntfs.Put ("\\efi\\efi_b\\boot\\backup\\bcd_b", "damaged");
+  EXPECT_EQ (Prepare (), EFI_SUCCESS);
+  EXPECT_EQ (ntfs.Get ("\\efi\\microsoft\\boot\\BCD"), efiB);
 }
 
 TEST_F (EfiBcdTest, NothingIsPlacedWithoutADigestOrACoherentStore) {

@@ -59,6 +59,19 @@ TEST_F (VerifiedChangeTest, ProofsLookAtAFreshlyOpenedRoot) {
   EXPECT_FALSE (boot.Exists ("\\sources\\recovery.txt"));
 }
 
+// A driver that mounts the stick read-only (a dirty volume): its status is passed on and
+// nothing on the stick changes.
+TEST_F (VerifiedChangeTest, ReadOnlyMountIsReportedAndChangesNothing) {
+  boot.writeProtected = true;
+  EXPECT_EQ (Rename (u"\\boot\\bcd_w10", u"\\boot\\BCD"), EFI_WRITE_PROTECTED);
+  EXPECT_EQ (MoveAside (u"\\w10"), EFI_WRITE_PROTECTED);
+  boot.Put ("\\boot\\backup\\bcd_w10", "backup");
+  const auto withBackup = boot.Snapshot ();
+  EXPECT_EQ (Copy (), EFI_WRITE_PROTECTED);
+  EXPECT_EQ (boot.Snapshot (), withBackup);
+  EXPECT_TRUE (boot.Exists ("\\boot\\bcd_w10") && boot.Exists ("\\w10") && !boot.Exists ("\\boot\\BCD"));
+}
+
 // FAT turns a zero date on the medium into a time its own SetInfo refuses: an entry
 // written by a tool that leaves dates at zero must still be renamed.
 TEST_F (VerifiedChangeTest, EntriesWithAZeroDateAreRenamed) {
@@ -140,9 +153,12 @@ TEST_F (VerifiedChangeTest, MoveAsideKeepsAnOlderBakUnderTheFirstFreeNumber) {
   EXPECT_EQ (boot.Get ("\\sources.bak1\\keep.txt"), "k");
   EXPECT_EQ (boot.Get ("\\sources.bak\\new.txt"), "n");
 
-  // With every numbered name taken, nothing moves.
+  // The last free number is used; with every numbered name taken, nothing moves.
+  for (int n = 1; n <= 98; ++n) boot.Mkdir ("\\sources.bak" + std::to_string (n));
+  boot.Put ("\\sources\\last.txt", "l");
+  EXPECT_EQ (MoveAside (u"\\sources"), EFI_SUCCESS);
+  EXPECT_EQ (boot.Get ("\\sources.bak99\\new.txt"), "n");
   boot.Put ("\\sources\\newer.txt", "n2");
-  for (int n = 1; n <= 99; ++n) boot.Mkdir ("\\sources.bak" + std::to_string (n));
   const auto before = boot.Snapshot ();
   EXPECT_EQ (MoveAside (u"\\sources"), EFI_ALREADY_STARTED);
   EXPECT_EQ (boot.Snapshot (), before);
@@ -220,6 +236,9 @@ TEST_F (VerifiedChangeTest, FindsEntriesWithoutRegardToAsciiCase) {
 
   boot.Put ("\\efi\\microsoft\\boot\\BCD", "s");
   boot.Put ("\\efi\\microsoft\\boot\\\xc3\xa8", "s");
+  boot.Put ("\\efi\\microsoft\\boot\\Zeta", "s");
+  ASSERT_EQ (find (u"\\efi\\microsoft\\boot", u"zETA"), EFI_SUCCESS);
+  EXPECT_EQ (Str (path), "\\efi\\microsoft\\boot\\Zeta");
   ASSERT_EQ (find (u"\\efi\\microsoft\\boot", u"bcd"), EFI_SUCCESS);
   EXPECT_EQ (Str (path), "\\efi\\microsoft\\boot\\BCD");
   EXPECT_EQ (find (u"\\efi\\microsoft\\boot", u".."), EFI_SUCCESS);

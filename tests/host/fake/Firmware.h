@@ -111,6 +111,7 @@ class Volume {
   int OpenHandles () const;   // file handles the application holds, roots included
 
   bool rejectPathNames = false;   // SetInfo answers a path in FileName with EFI_INVALID_PARAMETER
+  bool writeProtected = false;    // mounted read-only: opens for writing and every change answer EFI_WRITE_PROTECTED
   bool staleView = false;         // a root keeps showing lookups and reads the volume as it was when opened
   bool exactNames = false;        // names match only in their own letter case, as on NTFS
   void MatchNamesExactly () { exactNames = true; }

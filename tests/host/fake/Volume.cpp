@@ -149,6 +149,7 @@ EFI_FILE_PROTOCOL *Wrap (Volume &volume, EFI_FILE_PROTOCOL *inner, std::u16strin
 EFI_STATUS EFIAPI FileOpen (EFI_FILE_PROTOCOL *self, EFI_FILE_PROTOCOL **out, CHAR16 *name, UINT64 mode, UINT64 attributes) {
   ENTER (Op::Open, Text (name), nullptr);
   if (name == nullptr || out == nullptr) return EFI_INVALID_PARAMETER;
+  if (file->volume->writeProtected && (mode & EFI_FILE_MODE_WRITE) != 0) return EFI_WRITE_PROTECTED;
   const std::u16string path  = Join (file->path, Text (name));
   EFI_FILE_PROTOCOL    *inner = nullptr, *live = nullptr;
   const bool           write = (mode & EFI_FILE_MODE_WRITE) != 0;
@@ -202,6 +203,7 @@ EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) 
 
 EFI_STATUS EFIAPI FileWrite (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) {
   ENTER (Op::Write, file->path, nullptr);
+  if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
   if (shorten && size != nullptr) *size /= 2;
   return file->inner->Write (file->inner, size, buffer);
 }
@@ -225,6 +227,7 @@ EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN si
   const bool           rename = IsFileInfo (type) && size >= SIZE_OF_EFI_FILE_INFO + 2 && buffer != nullptr;
   const std::u16string name   = rename ? Text (static_cast<const EFI_FILE_INFO *>(buffer)->FileName) : u"";
   ENTER (Op::SetInfo, file->path + u"->" + name, nullptr);
+  if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
   if (rename && file->volume->rejectPathNames && name.find_first_of (u"\\/") != std::u16string::npos) return EFI_INVALID_PARAMETER;
   const std::u16string target = Join (Parent (file->path), name);
   if (rename && file->volume->exactNames && target != file->path && Folded (target) == Folded (file->path)) {
