@@ -155,6 +155,7 @@ TEST (TextWalkers, LeafNames) {
 TEST (TextWalkers, TxtNames) {
   EXPECT_FALSE (HasTxtSuffix (W (u".txt")));
   EXPECT_FALSE (HasTxtSuffix (W (u"A.TXT")));
+  EXPECT_FALSE (HasTxtSuffix (W (u"s-win-atxt")));
   EXPECT_FALSE (HasTxtSuffix (nullptr));
   EXPECT_TRUE (HasTxtSuffix (W (u"A.txt")));
 

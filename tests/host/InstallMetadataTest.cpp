@@ -41,6 +41,7 @@ TEST_F (InstallMetadataTest, SourceMetadataNeedsTheGroupsOwnSecondPartitionWindo
     { "Der words in any order", Sw (ID, "velmaro Windows", FLAG + NTFS_BODY), EFI_SUCCESS, "NTFS", "01d9f3a2b4c5d6e7", found },
     { "only another group qualifies", Sw (ID, "velmaro Windows", NTFS_BODY) + Win ("s-lin", NTFS_BODY), EFI_NOT_FOUND, "", "", notIso },
     { "Der without velmaro", Sw (ID, "Windows", FLAG + NTFS_BODY), EFI_NOT_FOUND, "", "", legacy },
+    { "Der words outside its quotes", Sw (ID, "velmaro", FLAG + "Windows" + NTFS_BODY), EFI_NOT_FOUND, "", "", legacy },
     { "Der in lower case", Sw (ID, "windows velmaro", FLAG + NTFS_BODY), EFI_NOT_FOUND, "", "", legacy },
     { "Der closed outside the block", "<software ID=\"" + ID + "\" Der=\"velmaro Windows" + FLAG + "</software>\"", EFI_NOT_FOUND, "", "", legacy },
     { "longer ID is another group", Win (ID + "b", NTFS_BODY), EFI_NOT_FOUND, "", "", "" },
