@@ -7,7 +7,6 @@
 // its own is told apart from one that passes the firmware's answer on.
 #pragma once
 
-#include <string>
 #include <vector>
 
 #include "fake/Firmware.h"
@@ -28,129 +27,60 @@ struct Table {
 using fake::Effect;
 using fake::Op;
 
+// Success with fewer bytes than asked (said so in the size), and success claimed for a
+// change that never happened.
+inline constexpr Outcome kShort = { EFI_SUCCESS, Effect::Short }, kNoEffect = { EFI_SUCCESS, Effect::NoEffect };
+
 inline const std::vector<Table> &Tables () {
   static const std::vector<Table> tables = {
-    { Op::Open, "Open", {
-      { EFI_NO_MEDIA },           // Init.c: the stick pulled out since the mount, passed on by FatCleanupVolume
-      { EFI_NOT_FOUND },          // Open.c FatOFileOpen: no such name and no EFI_FILE_MODE_CREATE
-      { EFI_MEDIA_CHANGED },      // Init.c, DiskCache.c: another medium in the device since the mount
-      { EFI_DEVICE_ERROR },       // the medium failed to read a directory cluster
-      { EFI_VOLUME_CORRUPTED },   // Misc.c FatDiskIo, FileSpace.c: a directory cluster chain that makes no sense
-      { EFI_WRITE_PROTECTED },    // Open.c: write mode on a volume mounted read-only
-      { EFI_ACCESS_DENIED },      // Open.c: a read-only file opened for writing
-      { EFI_OUT_OF_RESOURCES },   // Open.c FatAllocateIFile: no pool for the new handle
-      { EFI_VOLUME_FULL },        // DirectoryManage.c: the directory cannot hold another entry
-    } },
-    { Op::Close, "Close", {} },   // EFI_FILE_PROTOCOL.Close always answers EFI_SUCCESS (Flush.c FatClose)
-    { Op::Delete, "Delete", {
-      { EFI_WARN_DELETE_FAILURE },               // Delete.c: every failure is turned into this warning
-      { EFI_SUCCESS, Effect::NoEffect },         // a driver that claims the delete and keeps the entry
-    } },
-    { Op::Read, "Read", {
-      { EFI_NO_MEDIA },           // ReadWrite.c FatIFileAccess through FatCleanupVolume
-      { EFI_DEVICE_ERROR },       // the medium failed, or the file was deleted under the handle
-      { EFI_VOLUME_CORRUPTED },   // FileSpace.c: a cluster chain that ends early
-      { EFI_SUCCESS, Effect::Short },            // fewer bytes than asked, said so in the size
-    } },
-    { Op::Write, "Write", {
-      { EFI_VOLUME_FULL },        // FileSpace.c FatGrowEof: no free cluster left
-      { EFI_NO_MEDIA },           // ReadWrite.c FatIFileAccess through FatCleanupVolume
-      { EFI_DEVICE_ERROR },       // the medium refused the write
-      { EFI_VOLUME_CORRUPTED },   // a cluster chain that makes no sense
-      { EFI_WRITE_PROTECTED },    // ReadWrite.c: the volume is read-only
-      { EFI_ACCESS_DENIED },      // ReadWrite.c: the handle or the file is read-only
-      { EFI_SUCCESS, Effect::Short },            // fewer bytes than asked, said so in the size
-      { EFI_SUCCESS, Effect::NoEffect },         // success claimed for bytes that never reached the medium
-    } },
-    { Op::GetPosition, "GetPosition", {
-      { EFI_UNSUPPORTED },        // ReadWrite.c FatGetPosition: the handle is a directory
-      { EFI_DEVICE_ERROR },       // ReadWrite.c: the file was deleted under the handle
-    } },
-    { Op::SetPosition, "SetPosition", {
-      { EFI_UNSUPPORTED },        // ReadWrite.c FatSetPosition: a directory set anywhere but 0
-      { EFI_DEVICE_ERROR },       // ReadWrite.c: the file was deleted under the handle
-    } },
-    { Op::GetInfo, "GetInfo", {
-      { EFI_NO_MEDIA },           // Info.c FatGetInfo through FatCleanupVolume
-      { EFI_DEVICE_ERROR },       // Info.c: the file was deleted under the handle
-      { EFI_VOLUME_CORRUPTED },   // the directory entry cannot be read back
-      { EFI_UNSUPPORTED },        // Info.c: an information type the driver does not know
-    } },
-    { Op::SetInfo, "SetInfo", {
-      { EFI_ACCESS_DENIED },      // Info.c FatSetFileInfo: the new name exists, or the root is renamed
-      { EFI_NO_MEDIA },           // through FatCleanupVolume
-      { EFI_DEVICE_ERROR },       // the medium refused the directory update
-      { EFI_VOLUME_CORRUPTED },   // Info.c: a directory entry that cannot be moved
-      { EFI_WRITE_PROTECTED },    // Info.c: the volume is read-only
-      { EFI_VOLUME_FULL },        // Info.c: no room for the entry under its new name
-      { EFI_BAD_BUFFER_SIZE },    // Info.c: a size that does not match the information given
-      { EFI_INVALID_PARAMETER },  // Info.c: a name or attributes the driver will not take
-      { EFI_OUT_OF_RESOURCES },   // Info.c: no pool for the new name
-      { EFI_UNSUPPORTED },        // Info.c: a file size beyond 4 GiB
-      { EFI_SUCCESS, Effect::NoEffect },         // a driver that claims the rename and keeps the old name
-    } },
-    { Op::Flush, "Flush", {
-      { EFI_NO_MEDIA },           // Flush.c FatFlushEx through FatCleanupVolume
-      { EFI_DEVICE_ERROR },       // the medium refused the write-back
-      { EFI_VOLUME_CORRUPTED },   // a cluster chain that makes no sense
-      { EFI_WRITE_PROTECTED },    // Flush.c: the volume is read-only
-      { EFI_ACCESS_DENIED },      // Flush.c: the handle is read-only
-      { EFI_VOLUME_FULL },        // growing the directory on write-back
-      { EFI_SUCCESS, Effect::NoEffect },         // success claimed, cached bytes never written
-    } },
-    { Op::OpenVolume, "OpenVolume", {
-      { EFI_NO_MEDIA },           // OpenVolume.c FatOpenVolume through FatCleanupVolume
-      { EFI_MEDIA_CHANGED },      // a stick swapped since the volume was mounted
-      { EFI_DEVICE_ERROR },       // the medium failed to read the root directory
-      { EFI_VOLUME_CORRUPTED },   // OpenVolume.c: the FAT type is wrong
-      { EFI_ACCESS_DENIED },      // a volume the driver will not open
-      { EFI_OUT_OF_RESOURCES },   // OpenVolume.c FatAllocateIFile
-      { EFI_UNSUPPORTED },        // the volume's file system is not one the driver knows
-    } },
-    { Op::HandleProtocol, "HandleProtocol", {
-      { EFI_UNSUPPORTED },        // Hand/Handle.c CoreOpenProtocol: the handle does not carry the protocol
-      { EFI_INVALID_PARAMETER },  // Hand/Handle.c: a handle that is no longer in the database
-      { EFI_OUT_OF_RESOURCES },   // Hand/Handle.c: no pool for the open-protocol entry
-    } },
-    { Op::OpenProtocol, "OpenProtocol", {
-      { EFI_UNSUPPORTED },        // Hand/Handle.c CoreOpenProtocol: the handle does not carry the protocol
-      { EFI_INVALID_PARAMETER },  // Hand/Handle.c: a handle that is no longer in the database
-      { EFI_ACCESS_DENIED },      // Hand/Handle.c: opened exclusively by a driver
-      { EFI_ALREADY_STARTED },    // Hand/Handle.c: already opened by this agent
-      { EFI_OUT_OF_RESOURCES },   // Hand/Handle.c: no pool for the open-protocol entry
-    } },
-    { Op::LocateHandleBuffer, "LocateHandleBuffer", {
-      { EFI_NOT_FOUND },          // Hand/Locate.c CoreLocateHandleBuffer: no handle matches
-      { EFI_OUT_OF_RESOURCES },   // Hand/Locate.c: no pool for the buffer
-      { EFI_INVALID_PARAMETER },  // Hand/Locate.c: a search the core does not take
-    } },
-    { Op::LocateProtocol, "LocateProtocol", {
-      { EFI_NOT_FOUND },          // Hand/Locate.c CoreLocateProtocol: no handle carries it
-      { EFI_INVALID_PARAMETER },  // Hand/Locate.c: no interface pointer
-    } },
-    { Op::AllocatePool, "AllocatePool", {
-      { EFI_OUT_OF_RESOURCES },   // Mem/Pool.c CoreAllocatePool: the pool is exhausted
-    } },
-    { Op::GetTime, "GetTime", {
-      { EFI_UNSUPPORTED },        // a platform whose runtime services offer no clock
-      { EFI_DEVICE_ERROR },       // the real-time clock cannot be read
-    } },
-    { Op::WaitForEvent, "WaitForEvent", {
-      { EFI_UNSUPPORTED },        // Event/Event.c CoreWaitForEvent: called above TPL_APPLICATION
-      { EFI_INVALID_PARAMETER },  // Event/Event.c: an event of the notify-signal kind
-    } },
-    { Op::ReadKeyStroke, "ReadKeyStroke", {
-      { EFI_NOT_READY },          // no key pressed
-      { EFI_DEVICE_ERROR },       // the keyboard failed
-      { EFI_UNSUPPORTED },        // a console whose keyboard cannot be read
-    } },
-    { Op::ReadBlocks, "ReadBlocks", {
-      { EFI_NO_MEDIA },           // EFI_BLOCK_IO_PROTOCOL.ReadBlocks: no medium in the device
-      { EFI_DEVICE_ERROR },       // the device failed the read
-      { EFI_MEDIA_CHANGED },      // the MediaId given is not the current one
-      { EFI_BAD_BUFFER_SIZE },    // a size that is not a whole number of blocks
-      { EFI_INVALID_PARAMETER },  // an LBA past the end, or a misaligned buffer
-    } },
+    // Open.c, DirectoryManage.c, Init.c, DiskCache.c: medium gone or swapped, no such name,
+    // a broken cluster chain, read-only volume or file, no pool, a full directory.
+    { Op::Open, "Open", { { EFI_NO_MEDIA }, { EFI_NOT_FOUND }, { EFI_MEDIA_CHANGED }, { EFI_DEVICE_ERROR }, { EFI_VOLUME_CORRUPTED },
+                          { EFI_WRITE_PROTECTED }, { EFI_ACCESS_DENIED }, { EFI_OUT_OF_RESOURCES }, { EFI_VOLUME_FULL } } },
+    { Op::Close, "Close", {} },   // Flush.c FatClose always answers EFI_SUCCESS
+    // Delete.c turns every failure into the warning; a driver may also keep the entry.
+    { Op::Delete, "Delete", { { EFI_WARN_DELETE_FAILURE }, kNoEffect } },
+    // ReadWrite.c FatIFileAccess, FileSpace.c: medium gone or failing, a chain that ends early.
+    { Op::Read, "Read", { { EFI_NO_MEDIA }, { EFI_DEVICE_ERROR }, { EFI_VOLUME_CORRUPTED }, kShort } },
+    // ReadWrite.c, FileSpace.c FatGrowEof: no free cluster, medium gone or failing, read-only.
+    { Op::Write, "Write", { { EFI_VOLUME_FULL }, { EFI_NO_MEDIA }, { EFI_DEVICE_ERROR }, { EFI_VOLUME_CORRUPTED }, { EFI_WRITE_PROTECTED },
+                            { EFI_ACCESS_DENIED }, kShort, kNoEffect } },
+    // ReadWrite.c: a directory handle, or a file deleted under the handle.
+    { Op::GetPosition, "GetPosition", { { EFI_UNSUPPORTED }, { EFI_DEVICE_ERROR } } },
+    { Op::SetPosition, "SetPosition", { { EFI_UNSUPPORTED }, { EFI_DEVICE_ERROR } } },
+    // Info.c FatGetInfo: medium gone, file deleted, entry unreadable, unknown information type.
+    { Op::GetInfo, "GetInfo", { { EFI_NO_MEDIA }, { EFI_DEVICE_ERROR }, { EFI_VOLUME_CORRUPTED }, { EFI_UNSUPPORTED } } },
+    // Info.c FatSetFileInfo: name taken, medium trouble, read-only, no room, bad size or name,
+    // no pool, a size beyond 4 GiB; or the rename claimed and the old name kept.
+    { Op::SetInfo, "SetInfo", { { EFI_ACCESS_DENIED }, { EFI_NO_MEDIA }, { EFI_DEVICE_ERROR }, { EFI_VOLUME_CORRUPTED }, { EFI_WRITE_PROTECTED },
+                                { EFI_VOLUME_FULL }, { EFI_BAD_BUFFER_SIZE }, { EFI_INVALID_PARAMETER }, { EFI_OUT_OF_RESOURCES },
+                                { EFI_UNSUPPORTED }, kNoEffect } },
+    // Flush.c FatFlushEx: medium trouble, read-only volume or handle, a directory that cannot
+    // grow; or cached bytes never written.
+    { Op::Flush, "Flush", { { EFI_NO_MEDIA }, { EFI_DEVICE_ERROR }, { EFI_VOLUME_CORRUPTED }, { EFI_WRITE_PROTECTED }, { EFI_ACCESS_DENIED },
+                            { EFI_VOLUME_FULL }, kNoEffect } },
+    // OpenVolume.c FatOpenVolume: medium gone or swapped, unreadable root, wrong FAT type, no
+    // pool, a file system the driver does not know.
+    { Op::OpenVolume, "OpenVolume", { { EFI_NO_MEDIA }, { EFI_MEDIA_CHANGED }, { EFI_DEVICE_ERROR }, { EFI_VOLUME_CORRUPTED },
+                                      { EFI_ACCESS_DENIED }, { EFI_OUT_OF_RESOURCES }, { EFI_UNSUPPORTED } } },
+    // Hand/Handle.c CoreOpenProtocol: protocol not there, stale handle, no pool; opened
+    // exclusively or already by this agent.
+    { Op::HandleProtocol, "HandleProtocol", { { EFI_UNSUPPORTED }, { EFI_INVALID_PARAMETER }, { EFI_OUT_OF_RESOURCES } } },
+    { Op::OpenProtocol, "OpenProtocol", { { EFI_UNSUPPORTED }, { EFI_INVALID_PARAMETER }, { EFI_ACCESS_DENIED }, { EFI_ALREADY_STARTED },
+                                          { EFI_OUT_OF_RESOURCES } } },
+    // Hand/Locate.c: no match, no pool, a search the core does not take.
+    { Op::LocateHandleBuffer, "LocateHandleBuffer", { { EFI_NOT_FOUND }, { EFI_OUT_OF_RESOURCES }, { EFI_INVALID_PARAMETER } } },
+    { Op::LocateProtocol, "LocateProtocol", { { EFI_NOT_FOUND }, { EFI_INVALID_PARAMETER } } },
+    { Op::AllocatePool, "AllocatePool", { { EFI_OUT_OF_RESOURCES } } },   // Mem/Pool.c: the pool is exhausted
+    // No clock on the platform, or one that cannot be read.
+    { Op::GetTime, "GetTime", { { EFI_UNSUPPORTED }, { EFI_DEVICE_ERROR } } },
+    // Event/Event.c CoreWaitForEvent: above TPL_APPLICATION, or a notify-signal event.
+    { Op::WaitForEvent, "WaitForEvent", { { EFI_UNSUPPORTED }, { EFI_INVALID_PARAMETER } } },
+    // No key pressed, a failed keyboard, a console without one.
+    { Op::ReadKeyStroke, "ReadKeyStroke", { { EFI_NOT_READY }, { EFI_DEVICE_ERROR }, { EFI_UNSUPPORTED } } },
+    // Block I/O: no medium, failed device, stale MediaId, partial block, LBA or buffer refused.
+    { Op::ReadBlocks, "ReadBlocks", { { EFI_NO_MEDIA }, { EFI_DEVICE_ERROR }, { EFI_MEDIA_CHANGED }, { EFI_BAD_BUFFER_SIZE },
+                                      { EFI_INVALID_PARAMETER } } },
   };
   return tables;
 }

@@ -24,11 +24,8 @@ enum class Kind { Fat32, Ntfs, Exfat };
 struct KindNames { const char *row, *image, *fs; };
 
 KindNames NamesOf (Kind kind) {
-  switch (kind) {
-    case Kind::Ntfs: return { "Ntfs", "ntfs", "NTFS" };
-    case Kind::Exfat: return { "Exfat", "exfat", "exFAT" };
-    default: return { "Fat32", "fat32", "FAT32" };
-  }
+  static const KindNames names[] = { { "Fat32", "fat32", "FAT32" }, { "Ntfs", "ntfs", "NTFS" }, { "Exfat", "exfat", "exFAT" } };
+  return names[static_cast<int>(kind)];
 }
 
 const std::vector<Kind> kEvery = { Kind::Fat32, Kind::Ntfs, Kind::Exfat };
@@ -90,31 +87,18 @@ void Fill (Stick &s) {
   boot.Put ("\\ZENTO\\software.xml", Software ("s-win-a", "bcd_a", "grp_a", "efi_a", kMd5StoreA, s) + Software ("s-win-b", "bcd_b", "grp_b", "efi_b", kMd5StoreB, s));
   boot.Put ("\\ZENTO\\FS.txt", "FAT32|" + Lower (fake::BlkidUuid ("fat32")) + "\r\n" + fs + "|" + s.uuid + "\r\n");
 
-  src.Put ("\\velmaro_write_test.txt", "scratch");
-  src.Put ("\\boot\\BCD", kStray);
-  src.Put ("\\boot\\BCD_BAK", "older kept store");
-  src.Put ("\\boot\\BCD.bak", "older store put aside");
-  src.Put ("\\boot\\backup\\bcd_a", kStoreA);
-  src.Put ("\\boot\\backup\\bcd_a.md5", kMd5StoreA + "\r\n");
-  src.Put ("\\boot\\bcd_b", kStoreB);
-  src.Put ("\\boot\\backup\\bcd_b", kStoreB);
-  src.Put ("\\boot\\backup\\bcd_b.md5", kMd5StoreB + "\r\n");
-  src.Put ("\\sources\\s-win-a.txt", "");
-  src.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n" + part);
-  src.Put ("\\sources\\install.wim", kWimA);
-  src.Put ("\\efi\\microsoft\\s-win-a.txt", "");
-  src.Put ("\\efi\\microsoft\\boot\\BCD", kEfiB);
-  src.Put ("\\efi\\microsoft\\boot\\backup\\bcd_a", kEfiA);
-  src.Put ("\\efi\\microsoft\\boot\\backup\\bcd_a.md5", Md5Hex (kEfiA) + "\r\n");
-  src.Put ("\\efi\\microsoft\\boot\\backup\\bcd_b", kEfiB);
-  src.Put ("\\efi\\microsoft\\boot\\backup\\bcd_b.md5", Md5Hex (kEfiB) + "\r\n");
-  src.Put ("\\efi\\efi_a\\boot\\BCD", "damaged EFI store");
-  src.Put ("\\grp_b\\readme.txt", "notes");
-  src.Put ("\\grp_b\\recovery.txt", "ID|s-win-b\r\nSRC|grp_b\r\n" + part);
-  src.Put ("\\grp_b\\install.wim", kWimB);
-  src.Put ("\\grp_b\\s-win-b.txt", "");
-  src.Put ("\\efi\\efi_b\\s-win-b.txt", "");
-  src.Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of group b");
+  const std::pair<const char *, std::string> files[] = {
+    { "\\velmaro_write_test.txt", "scratch" }, { "\\boot\\BCD", kStray }, { "\\boot\\BCD_BAK", "older kept store" },
+    { "\\boot\\BCD.bak", "older store put aside" }, { "\\boot\\backup\\bcd_a", kStoreA }, { "\\boot\\backup\\bcd_a.md5", kMd5StoreA + "\r\n" },
+    { "\\boot\\bcd_b", kStoreB }, { "\\boot\\backup\\bcd_b", kStoreB }, { "\\boot\\backup\\bcd_b.md5", kMd5StoreB + "\r\n" },
+    { "\\sources\\s-win-a.txt", "" }, { "\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n" + part }, { "\\sources\\install.wim", kWimA },
+    { "\\efi\\microsoft\\s-win-a.txt", "" }, { "\\efi\\microsoft\\boot\\BCD", kEfiB }, { "\\efi\\microsoft\\boot\\backup\\bcd_a", kEfiA },
+    { "\\efi\\microsoft\\boot\\backup\\bcd_a.md5", Md5Hex (kEfiA) + "\r\n" }, { "\\efi\\microsoft\\boot\\backup\\bcd_b", kEfiB },
+    { "\\efi\\microsoft\\boot\\backup\\bcd_b.md5", Md5Hex (kEfiB) + "\r\n" }, { "\\efi\\efi_a\\boot\\BCD", "damaged EFI store" },
+    { "\\grp_b\\readme.txt", "notes" }, { "\\grp_b\\recovery.txt", "ID|s-win-b\r\nSRC|grp_b\r\n" + part }, { "\\grp_b\\install.wim", kWimB },
+    { "\\grp_b\\s-win-b.txt", "" }, { "\\efi\\efi_b\\s-win-b.txt", "" }, { "\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of group b" },
+  };
+  for (const auto &[path, text] : files) src.Put (path, text);
 }
 
 void Build (fake::Firmware &fw, Stick &s) {
@@ -141,32 +125,65 @@ void Build (fake::Firmware &fw, Stick &s) {
   SetField (c.Current.BcdEfiMd5, Md5Hex (kEfiB));
 }
 
-// One operation on the stick, on the kinds of source volume given.
+// One operation on the stick, on the kinds of source volume given; without a fault it
+// answers EFI_SUCCESS.
 struct Row {
-  const char                                  *name;
-  std::vector<Kind>                           kinds;
-  std::function<EFI_STATUS (Stick &)>         run;
-  EFI_STATUS                                  clean;
-  std::vector<EFI_STATUS>                     allowed;
+  const char                               *name;
+  std::vector<Kind>                        kinds;
+  std::function<EFI_STATUS (Stick &)>      run;
+  std::vector<EFI_STATUS>                  allowed;
   // More answers on some kinds: a UUID read on a FAT32 or exFAT volume whose own reader
   // fails ends with the NTFS reader's EFI_UNSUPPORTED (the readers are tried in order);
   // the EFI BCD store is renamed, with proof, only on NTFS and exFAT.
-  std::map<Kind, std::vector<EFI_STATUS>>     also = {};
-  std::function<void (Stick &)>               prepare = nullptr;
-  std::vector<std::string>                    notGroupData = {};
-  std::map<fake::Op, unsigned>                reach = {};
+  std::map<Kind, std::vector<EFI_STATUS>>  also = {};
+  std::function<void (Stick &)>            prepare = nullptr;
+  std::vector<std::string>                 notGroupData = {};
+  std::map<fake::Op, unsigned>             reach = {};
 };
 
 const CHAR16 *P (const char16_t *path) { return W (path); }
 
+// The text an operation hands back: empty when it fails, want when it succeeds.
+template <typename T> EFI_STATUS Yields (EFI_STATUS st, const T *out, const std::string &want) {
+  EXPECT_EQ (Str (out), EFI_ERROR (st) ? "" : want);
+  return st;
+}
+
+// Checks what must hold once the operation succeeded.
+EFI_STATUS Then (EFI_STATUS st, const std::function<void ()> &check) {
+  if (!EFI_ERROR (st)) check ();
+  return st;
+}
+
+// Reads a file whole and hands its text to use, which may replace it; frees it after.
+EFI_STATUS WithText (EFI_FILE_PROTOCOL *root, const CHAR16 *path, const std::function<EFI_STATUS (CHAR8 *&)> &use) {
+  CHAR8      *text = nullptr;
+  EFI_STATUS st    = ReadWholeFile (root, path, &text);
+  if (!EFI_ERROR (st)) st = use (text);
+  if (text != nullptr) FreePool (text);
+  return st;
+}
+
+EFI_STATUS NormalizeActive (Stick &s) {
+  return Then (NormalizeBcdByMd5 (&s.context, s.source->Handle (), s.root, ACTIVE_BCD_PATH), [&] { EXPECT_FALSE (s.Src ().Exists ("\\boot\\BCD")); });
+}
+
+EFI_STATUS IdentifyGroupB (Stick &s, MarkerLookup lookup) {
+  return Yields (IdentifyFolderByMarker (&s.context, s.root, P (u"\\grp_b"), lookup, s.id, &s.state), s.id, "s-win-b");
+}
+
 std::vector<Row> Rows () {
-  const EFI_STATUS ok = EFI_SUCCESS, oor = EFI_OUT_OF_RESOURCES, nf = EFI_NOT_FOUND, dev = EFI_DEVICE_ERROR, bad = EFI_COMPROMISED_DATA;
+  const EFI_STATUS oor = EFI_OUT_OF_RESOURCES, nf = EFI_NOT_FOUND, dev = EFI_DEVICE_ERROR, bad = EFI_COMPROMISED_DATA;
   // An existence test that wrongly answers "absent" sends a rename onto a taken name,
   // which the driver refuses.
-  const EFI_STATUS taken = EFI_ACCESS_DENIED;
+  const EFI_STATUS              taken = EFI_ACCESS_DENIED;
+  const std::vector<EFI_STATUS> kOor = { PassedOn, oor }, kDevOor = { PassedOn, dev, oor }, kRename = { PassedOn, dev, oor, taken };
+  const std::vector<EFI_STATUS> kWrite = { PassedOn, dev, bad, oor }, kLookup = { PassedOn, oor, nf, bad }, kAbsent = { PassedOn, oor, nf };
+  const std::vector<EFI_STATUS> kDigest = { PassedOn, bad };
   const std::map<Kind, std::vector<EFI_STATUS>> uuidOnFat32AndExfat = { { Kind::Fat32, { EFI_UNSUPPORTED } }, { Kind::Exfat, { EFI_UNSUPPORTED } } };
   const std::map<Kind, std::vector<EFI_STATUS>> uuidOnExfat = { { Kind::Exfat, { EFI_UNSUPPORTED } } };
   const std::map<Kind, std::vector<EFI_STATUS>> efiRenamesAndUuid = { { Kind::Ntfs, { dev } }, { Kind::Exfat, { dev, EFI_UNSUPPORTED } } };
+  const std::vector<std::string> stateFile = { "\\boot\\VELMARO.COM" };
 
   return {
     // --- File access -----------------------------------------------------------------
@@ -176,13 +193,13 @@ std::vector<Row> Rows () {
         EXPECT_EQ (r != nullptr, !EFI_ERROR (st));
         if (r != nullptr) r->Close (r);
         return st;
-      }, ok, { PassedOn } },
+      }, { PassedOn } },
     { "FileExists", kEvery, [](Stick &s) {
         BOOLEAN          exists = FALSE;
         const EFI_STATUS st     = FileExists (s.root, P (u"\\sources\\install.wim"), &exists);
         EXPECT_EQ (exists != FALSE, !EFI_ERROR (st));
         return st;
-      }, ok, { PassedOn } },
+      }, { PassedOn } },
     { "ReadWholeFile", kEvery, [](Stick &s) {
         CHAR8            *text = nullptr;
         const EFI_STATUS st    = ReadWholeFile (s.root, P (u"\\sources\\install.wim"), &text);
@@ -191,215 +208,156 @@ std::vector<Row> Rows () {
         if (text != nullptr) EXPECT_EQ (kWimA.rfind (Str (text), 0), 0u);
         if (text != nullptr) FreePool (text);
         return st;
-      }, ok, { PassedOn, oor } },
+      }, kOor },
     { "DeleteFileVerified", kEvery, [](Stick &s) {
-        const EFI_STATUS st = DeleteFileVerified (s.source->Handle (), s.root, P (u"\\velmaro_write_test.txt"));
-        if (!EFI_ERROR (st)) EXPECT_FALSE (s.Src ().Exists ("\\velmaro_write_test.txt"));
-        return st;
-      }, ok, { PassedOn, dev }, {}, nullptr, { "\\velmaro_write_test.txt" } },
+        return Then (DeleteFileVerified (s.source->Handle (), s.root, P (u"\\velmaro_write_test.txt")),
+                     [&] { EXPECT_FALSE (s.Src ().Exists ("\\velmaro_write_test.txt")); });
+      }, { PassedOn, dev }, {}, nullptr, { "\\velmaro_write_test.txt" } },
 
     // --- Verified changes --------------------------------------------------------------
     { "RenameVerified", kEvery, [](Stick &s) {
-        const EFI_STATUS st = RenameVerified (s.source->Handle (), s.root, P (u"\\sources"), P (u"\\grp_a"));
-        if (!EFI_ERROR (st)) EXPECT_TRUE (s.Src ().Exists ("\\grp_a\\s-win-a.txt") && !s.Src ().Exists ("\\sources"));
-        return st;
-      }, ok, { PassedOn, dev, oor } },
+        return Then (RenameVerified (s.source->Handle (), s.root, P (u"\\sources"), P (u"\\grp_a")),
+                     [&] { EXPECT_TRUE (s.Src ().Exists ("\\grp_a\\s-win-a.txt") && !s.Src ().Exists ("\\sources")); });
+      }, kDevOor },
     { "MoveAsideToBak", kEvery, [](Stick &s) {
-        const EFI_STATUS st = MoveAsideToBak (s.source->Handle (), s.root, ACTIVE_BCD_PATH);
-        if (!EFI_ERROR (st)) EXPECT_EQ (s.Src ().Get ("\\boot\\BCD.bak"), kStray);
-        return st;
-      }, ok, { PassedOn, dev, oor, taken } },
+        return Then (MoveAsideToBak (s.source->Handle (), s.root, ACTIVE_BCD_PATH), [&] { EXPECT_EQ (s.Src ().Get ("\\boot\\BCD.bak"), kStray); });
+      }, kRename },
     { "CopyFileVerified", kEvery, [](Stick &s) {
-        const EFI_STATUS st = CopyFileVerified (s.root, P (u"\\boot\\backup\\bcd_a"), P (u"\\boot\\bcd_a"));
         // Not read back: only a write that claims success without effect may leave a wrong
         // copy behind a success (callers find it by its digest).
-        if (!EFI_ERROR (st) && !sweep::Injecting (Op::Write, Effect::NoEffect)) EXPECT_TRUE (s.Src ().Get ("\\boot\\bcd_a") == kStoreA) << "a wrong copy";
-        return st;
-      }, ok, { PassedOn, dev, oor } },
+        return Then (CopyFileVerified (s.root, P (u"\\boot\\backup\\bcd_a"), P (u"\\boot\\bcd_a")), [&] {
+          if (!sweep::Injecting (Op::Write, Effect::NoEffect)) EXPECT_TRUE (s.Src ().Get ("\\boot\\bcd_a") == kStoreA) << "a wrong copy";
+        });
+      }, kDevOor },
     { "FindDirEntryPath", kEvery, [](Stick &s) {
-        const EFI_STATUS st = FindDirEntryPath (s.root, P (u"\\efi\\microsoft\\boot"), P (u"bcd"), s.text);
-        EXPECT_EQ (Str (s.text), EFI_ERROR (st) ? "" : "\\efi\\microsoft\\boot\\BCD");
-        return st;
-      }, ok, { PassedOn, oor } },
+        return Yields (FindDirEntryPath (s.root, P (u"\\efi\\microsoft\\boot"), P (u"bcd"), s.text), s.text, "\\efi\\microsoft\\boot\\BCD");
+      }, kOor },
 
     // --- Digests -------------------------------------------------------------------------
     { "Md5OfFile", kEvery, [](Stick &s) {
-        CHAR16           digest[VELMARO_MD5_CHARS] = {};
-        const EFI_STATUS st = Md5OfFile (s.root, P (u"\\sources\\install.wim"), digest);
-        EXPECT_EQ (Str (digest), EFI_ERROR (st) ? "" : kMd5WimA);
-        return st;
-      }, ok, { PassedOn } },
+        CHAR16 digest[VELMARO_MD5_CHARS] = {};
+        return Yields (Md5OfFile (s.root, P (u"\\sources\\install.wim"), digest), digest, kMd5WimA);
+      }, { PassedOn } },
     { "ReadMd5File", kEvery, [](Stick &s) {
-        CHAR16           digest[VELMARO_MD5_CHARS];
-        const EFI_STATUS st = ReadMd5File (s.root, P (u"\\boot\\backup\\bcd_a.md5"), digest);
-        EXPECT_EQ (Str (digest), EFI_ERROR (st) ? "" : kMd5StoreA);
-        return st;
-      }, ok, { PassedOn, bad } },
+        CHAR16 digest[VELMARO_MD5_CHARS];
+        return Yields (ReadMd5File (s.root, P (u"\\boot\\backup\\bcd_a.md5"), digest), digest, kMd5StoreA);
+      }, kDigest },
     { "FileMatchesBcdMd5", kEvery, [](Stick &s) {
         GROUP_STATE state = State ("bcd_a");
         SetField (state.BcdMd5, kMd5StoreA);
         return FileMatchesBcdMd5 (s.root, P (u"\\boot\\backup\\bcd_a"), &state);
-      }, ok, { PassedOn } },
+      }, { PassedOn } },
 
     // --- State file and entries file (boot volume) --------------------------------------
     { "WriteStateFile", kBootOnly, [](Stick &s) {
         const GROUP_STATE state = State ("bcd_b", "grp_b", "efi_b", s.uuid, "NTFS");
-        const EFI_STATUS  st    = WriteStateFile (s.bootRoot, &state);
-        if (!EFI_ERROR (st)) {
+        return Then (WriteStateFile (s.bootRoot, &state), [&] {
           EXPECT_EQ (s.boot->Get ("\\boot\\VELMARO.COM"), "BCD:c:\\boot\\bcd_b\r\nSRC:c:\\grp_b\r\nEFI:c:\\efi\\efi_b\r\nSRC_PART:" + s.uuid + "\r\nSRC_FS:NTFS\r\n");
-        }
-        return st;
-      }, ok, { PassedOn, dev, bad, oor }, {}, nullptr, { "\\boot\\VELMARO.COM" } },
+        });
+      }, kWrite, {}, nullptr, stateFile },
     { "ResetStateFile", kBootOnly, [](Stick &s) {
-        const EFI_STATUS st = ResetStateFile (s.bootRoot);
-        if (!EFI_ERROR (st)) EXPECT_EQ (s.boot->Get ("\\boot\\VELMARO.COM"), STATE_TEXT_NO_GROUP);
-        return st;
-      }, ok, { PassedOn, dev, bad, oor }, {}, nullptr, { "\\boot\\VELMARO.COM" } },
+        return Then (ResetStateFile (s.bootRoot), [&] { EXPECT_EQ (s.boot->Get ("\\boot\\VELMARO.COM"), STATE_TEXT_NO_GROUP); });
+      }, kWrite, {}, nullptr, stateFile },
     { "ReadStateFile", kBootOnly, [](Stick &s) {
-        CHAR8      *text = nullptr;
-        EFI_STATUS st    = ReadWholeFile (s.bootRoot, STATE_FILE_PATH, &text);
-        if (!EFI_ERROR (st)) st = ParseStateFile (text, &s.state);
-        if (text != nullptr) FreePool (text);
-        if (!EFI_ERROR (st)) EXPECT_EQ (Str (s.state.Src), "grp_a");
-        return st;
-      }, ok, { PassedOn, oor, bad } },
+        return Then (WithText (s.bootRoot, STATE_FILE_PATH, [&](CHAR8 *&text) { return ParseStateFile (text, &s.state); }),
+                     [&] { EXPECT_EQ (Str (s.state.Src), "grp_a"); });
+      }, { PassedOn, oor, bad } },
     { "ReadEntriesFile", kBootOnly, [](Stick &s) {
-        CHAR8      *text = nullptr;
-        EFI_STATUS st    = ReadWholeFile (s.bootRoot, ENTRIES_FILE_PATH, &text);
-        if (!EFI_ERROR (st)) st = LookupGroupInEntries (text, A ("s-win-b"), &s.state);
-        if (text != nullptr) FreePool (text);
-        if (!EFI_ERROR (st)) EXPECT_EQ (Str (s.state.Efi), "efi_b");
-        return st;
-      }, ok, { PassedOn, oor, nf } },
+        return Then (WithText (s.bootRoot, ENTRIES_FILE_PATH, [&](CHAR8 *&text) { return LookupGroupInEntries (text, A ("s-win-b"), &s.state); }),
+                     [&] { EXPECT_EQ (Str (s.state.Efi), "efi_b"); });
+      }, kAbsent },
 
     // --- Recovery records ---------------------------------------------------------------
     // The renewal's question: is \grp_b the requested group's folder? Its record gains
     // SRC_PART (on the boot volume), SRC_FS and BCD_MD5 on the way.
     { "ValidateRequestedSourcePath", kEvery, [](Stick &s) {
         return ValidateRequestedSourcePath (&s.context, s.source->Handle (), s.root, P (u"\\grp_b"), A ("s-win-b"));
-      }, ok, { PassedOn, nf, bad, oor }, uuidOnExfat,
+      }, kLookup, uuidOnExfat,
       [](Stick &s) { s.context.Requested = State ("bcd_b", "grp_b", "efi_b"); SetField (s.context.GroupId, "s-win-b"); } },
-    { "IdentifyFolderByMarker_Entries", kEvery, [](Stick &s) {
-        const EFI_STATUS st = IdentifyFolderByMarker (&s.context, s.root, P (u"\\grp_b"), MarkerLookup::Entries, s.id, &s.state);
-        EXPECT_EQ (Str (s.id), EFI_ERROR (st) ? "" : "s-win-b");
-        return st;
-      }, ok, { PassedOn, oor } },
-    { "IdentifyFolderByMarker_MetadataFirst", kEvery, [](Stick &s) {
-        const EFI_STATUS st = IdentifyFolderByMarker (&s.context, s.root, P (u"\\grp_b"), MarkerLookup::MetadataFirst, s.id, &s.state);
-        EXPECT_EQ (Str (s.id), EFI_ERROR (st) ? "" : "s-win-b");
-        return st;
-      }, ok, { PassedOn, oor } },
+    { "IdentifyFolderByMarker_Entries", kEvery, [](Stick &s) { return IdentifyGroupB (s, MarkerLookup::Entries); }, kOor },
+    { "IdentifyFolderByMarker_MetadataFirst", kEvery, [](Stick &s) { return IdentifyGroupB (s, MarkerLookup::MetadataFirst); }, kOor },
     // Read, then completed, as the recovery phase does with the active record.
     { "RefreshActiveRecord", kEvery, [](Stick &s) {
-        CHAR8      *text = nullptr;
-        EFI_STATUS st    = ReadWholeFile (s.root, ACTIVE_RECORD_PATH, &text);
-        if (!EFI_ERROR (st)) st = RefreshActiveRecord (s.source->Handle (), s.root, &text);
-        if (text != nullptr) FreePool (text);
-        return st;
-      }, ok, { PassedOn, dev, oor, bad }, { { Kind::Fat32, { EFI_UNSUPPORTED } } } },
+        return WithText (s.root, ACTIVE_RECORD_PATH, [&](CHAR8 *&text) { return RefreshActiveRecord (s.source->Handle (), s.root, &text); });
+      }, kWrite, { { Kind::Fat32, { EFI_UNSUPPORTED } } } },
     // Any failure to open the marker means "not this group".
-    { "MarkerIdFileExists", kEvery, [](Stick &s) { return MarkerIdFileExists (s.root, P (u"\\sources"), A ("s-win-a")); }, ok, { nf } },
+    { "MarkerIdFileExists", kEvery, [](Stick &s) { return MarkerIdFileExists (s.root, P (u"\\sources"), A ("s-win-a")); }, { nf } },
 
     // --- Partition identity -------------------------------------------------------------
     { "DetectFsType", kEvery, [](Stick &s) {
-        CHAR16           name[VELMARO_FS_CHARS] = {};
-        const EFI_STATUS st = DetectFsType (s.source->Handle (), name, VELMARO_FS_CHARS);
-        EXPECT_EQ (Str (name), EFI_ERROR (st) ? "" : NamesOf (s.kind).fs);
-        return st;
-      }, ok, { PassedOn, oor } },
+        CHAR16 name[VELMARO_FS_CHARS] = {};
+        return Yields (DetectFsType (s.source->Handle (), name, VELMARO_FS_CHARS), name, NamesOf (s.kind).fs);
+      }, kOor },
     { "ReadVolumeUuid", kEvery, [](Stick &s) {
-        CHAR16           uuid[UUID_TEXT_CHARS] = {};
-        const EFI_STATUS st = ReadVolumeUuid (s.source->Handle (), uuid, UUID_TEXT_CHARS);
-        EXPECT_EQ (Str (uuid), EFI_ERROR (st) ? "" : s.uuid);
-        return st;
-      }, ok, { PassedOn, oor }, uuidOnFat32AndExfat },
+        CHAR16 uuid[UUID_TEXT_CHARS] = {};
+        return Yields (ReadVolumeUuid (s.source->Handle (), uuid, UUID_TEXT_CHARS), uuid, s.uuid);
+      }, kOor, uuidOnFat32AndExfat },
     { "ReadOwnKindOfUuid", kEvery, [](Stick &s) {
-        CHAR16           uuid[UUID_TEXT_CHARS] = {};
-        const auto       read = s.kind == Kind::Ntfs ? ReadNtfsUuid : s.kind == Kind::Exfat ? ReadExfatUuid : ReadFat32Uuid;
-        const EFI_STATUS st   = read (s.source->Handle (), uuid, UUID_TEXT_CHARS);
-        EXPECT_EQ (Str (uuid), EFI_ERROR (st) ? "" : s.uuid);
-        return st;
-      }, ok, { PassedOn, oor } },
+        CHAR16     uuid[UUID_TEXT_CHARS] = {};
+        const auto read = s.kind == Kind::Ntfs ? ReadNtfsUuid : s.kind == Kind::Exfat ? ReadExfatUuid : ReadFat32Uuid;
+        return Yields (read (s.source->Handle (), uuid, UUID_TEXT_CHARS), uuid, s.uuid);
+      }, kOor },
 
     // --- Install metadata (boot volume) -------------------------------------------------
     // A metadata file read short is cut: a block without its end is malformed, a block
     // cut off is absent.
     { "LookupSourceMetadata", kBootOnly, [](Stick &s) {
-        CHAR16           fs[VELMARO_FS_CHARS], uuid[UUID_TEXT_CHARS];
-        const EFI_STATUS st = LookupSourceMetadata (s.bootRoot, A ("s-win-a"), fs, uuid);
-        if (!EFI_ERROR (st)) EXPECT_EQ (Str (fs) + " " + Str (uuid), "NTFS " + s.uuid);
-        return st;
-      }, ok, { PassedOn, oor, nf, bad } },
+        CHAR16 fs[VELMARO_FS_CHARS], uuid[UUID_TEXT_CHARS];
+        return Then (LookupSourceMetadata (s.bootRoot, A ("s-win-a"), fs, uuid), [&] { EXPECT_EQ (Str (fs) + " " + Str (uuid), "NTFS " + s.uuid); });
+      }, kLookup },
     { "LookupGroupNames", kBootOnly, [](Stick &s) {
-        const EFI_STATUS st = LookupGroupNames (s.bootRoot, A ("s-win-b"), &s.state);
-        if (!EFI_ERROR (st)) EXPECT_EQ (Str (s.state.Efi), "efi_b");
-        return st;
-      }, ok, { PassedOn, oor, nf, bad } },
+        return Then (LookupGroupNames (s.bootRoot, A ("s-win-b"), &s.state), [&] { EXPECT_EQ (Str (s.state.Efi), "efi_b"); });
+      }, kLookup },
     { "LookupBcdNameByMd5", kBootOnly, [](Stick &s) {
-        const EFI_STATUS st = LookupBcdNameByMd5 (s.bootRoot, P (fake::U16 (kMd5StoreB).c_str ()), s.text);
-        EXPECT_EQ (Str (s.text), EFI_ERROR (st) ? "" : "bcd_b");
-        return st;
-      }, ok, { PassedOn, oor, nf, bad } },
+        return Yields (LookupBcdNameByMd5 (s.bootRoot, P (fake::U16 (kMd5StoreB).c_str ()), s.text), s.text, "bcd_b");
+      }, kLookup },
     { "LookupFsTxt", kBootOnly, [](Stick &s) {
-        CHAR16           fs[VELMARO_FS_CHARS] = {};
-        const EFI_STATUS st = LookupFsTxt (s.bootRoot, P (fake::U16 (s.uuid).c_str ()), fs);
-        if (!EFI_ERROR (st)) EXPECT_EQ (Str (fs), "NTFS");
-        return st;
-      }, ok, { PassedOn, oor, nf } },
+        CHAR16 fs[VELMARO_FS_CHARS] = {};
+        return Then (LookupFsTxt (s.bootRoot, P (fake::U16 (s.uuid).c_str ()), fs), [&] { EXPECT_EQ (Str (fs), "NTFS"); });
+      }, kAbsent },
 
     // --- BCD stores -----------------------------------------------------------------------
     // The active check completes the active record, brings the EFI BCD store into place on
     // NTFS and exFAT, and repairs the wrong "\boot\BCD" from the backup. A repair that
     // fails answers "not active".
     { "IsRequestedGroupActive", kEvery, [](Stick &s) {
-        const EFI_STATUS st = IsRequestedGroupActive (&s.context, s.source->Handle (), s.root);
-        // Without a digest (its file unreadable as absent) any store is taken on trust.
-        if (!EFI_ERROR (st) && HasBcdMd5 (&s.context.Requested)) EXPECT_TRUE (s.Src ().Get ("\\boot\\BCD") == kStoreA) << "not group a's store";
-        if (!EFI_ERROR (st) && s.External ()) EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\BCD"), kEfiA);
-        return st;
-      }, ok, { PassedOn, nf, bad, oor }, efiRenamesAndUuid, nullptr, {},
-      { { Op::Open, 13 }, { Op::Read, 13 }, { Op::AllocatePool, 13 } } },
+        return Then (IsRequestedGroupActive (&s.context, s.source->Handle (), s.root), [&] {
+          // Without a digest (its file unreadable as absent) any store is taken on trust.
+          if (HasBcdMd5 (&s.context.Requested)) EXPECT_TRUE (s.Src ().Get ("\\boot\\BCD") == kStoreA) << "not group a's store";
+          if (s.External ()) EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\BCD"), kEfiA);
+        });
+      }, kLookup, efiRenamesAndUuid, nullptr, {}, { { Op::Open, 13 }, { Op::Read, 13 }, { Op::AllocatePool, 13 } } },
     { "RepairActiveBcd", kEvery, [](Stick &s) {
-        const EFI_STATUS st = RepairActiveBcd (&s.context, s.source->Handle (), s.root);
-        if (!EFI_ERROR (st)) EXPECT_TRUE (s.Src ().Get ("\\boot\\BCD") == kStoreA) << "not group a's store";
-        return st;
-      }, ok, { PassedOn, dev, bad, oor, taken }, {}, [](Stick &s) { SetField (s.context.Requested.BcdMd5, kMd5StoreA); }, {},
+        return Then (RepairActiveBcd (&s.context, s.source->Handle (), s.root),
+                     [&] { EXPECT_TRUE (s.Src ().Get ("\\boot\\BCD") == kStoreA) << "not group a's store"; });
+      }, { PassedOn, dev, bad, oor, taken }, {}, [](Stick &s) { SetField (s.context.Requested.BcdMd5, kMd5StoreA); }, {},
       { { Op::Open, 13 }, { Op::Read, 6 } } },
     // A store that no source names goes to its ".bak" name, past every source.
-    { "NormalizeBcdByMd5_Unknown", kEvery, [](Stick &s) {
-        const EFI_STATUS st = NormalizeBcdByMd5 (&s.context, s.source->Handle (), s.root, ACTIVE_BCD_PATH);
-        if (!EFI_ERROR (st)) EXPECT_FALSE (s.Src ().Exists ("\\boot\\BCD"));
-        return st;
-      }, ok, { PassedOn, dev, oor, taken }, {}, nullptr, {}, { { Op::Open, 13 } } },
+    { "NormalizeBcdByMd5_Unknown", kEvery, NormalizeActive, kRename, {}, nullptr, {}, { { Op::Open, 13 } } },
     // Group b's store under the active name goes back to its own name.
-    { "NormalizeBcdByMd5_Owned", kEvery, [](Stick &s) {
-        const EFI_STATUS st = NormalizeBcdByMd5 (&s.context, s.source->Handle (), s.root, ACTIVE_BCD_PATH);
-        if (!EFI_ERROR (st)) EXPECT_FALSE (s.Src ().Exists ("\\boot\\BCD"));
-        return st;
-      }, ok, { PassedOn, dev, oor }, {}, [](Stick &s) { s.Src ().Put ("\\boot\\BCD", kStoreB), s.Src ().Remove ("\\boot\\bcd_b"); } },
+    { "NormalizeBcdByMd5_Owned", kEvery, NormalizeActive, kDevOor, {},
+      [](Stick &s) { s.Src ().Put ("\\boot\\BCD", kStoreB), s.Src ().Remove ("\\boot\\bcd_b"); } },
     { "ReadActiveRecordState", kEvery, [](Stick &s) {
-        const EFI_STATUS st = ReadActiveRecordState (&s.context, s.source->Handle (), s.root, ACTIVE_RECORD_PATH, s.context.EntriesText, &s.state);
-        // A volume whose type cannot be read is taken for FAT32.
-        const std::string fs = Str (s.state.SrcFs);
-        if (!EFI_ERROR (st)) EXPECT_TRUE (Str (s.state.Bcd) == "bcd_a" && (fs == NamesOf (s.kind).fs || fs == "FAT32")) << Str (s.state.Bcd) << " " << fs;
-        return st;
-      }, ok, { PassedOn, oor, nf }, uuidOnExfat },
+        return Then (ReadActiveRecordState (&s.context, s.source->Handle (), s.root, ACTIVE_RECORD_PATH, s.context.EntriesText, &s.state), [&] {
+          // A volume whose type cannot be read is taken for FAT32.
+          const std::string fs = Str (s.state.SrcFs);
+          EXPECT_TRUE (Str (s.state.Bcd) == "bcd_a" && (fs == NamesOf (s.kind).fs || fs == "FAT32")) << Str (s.state.Bcd) << " " << fs;
+        });
+      }, kAbsent, uuidOnExfat },
     // The current group's EFI store makes room (renamed to its own name); the requested
     // one is copied from the backup, past a damaged copy in its own EFI folder.
     { "PrepareEfiBcd", kEvery, [](Stick &s) {
-        const EFI_STATUS st = PrepareEfiBcd (&s.context, s.source->Handle (), s.root, &s.context.Requested, ACTIVE_EFI_BCD_PATH);
-        if (!EFI_ERROR (st)) EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\BCD"), kEfiA);
-        return st;
-      }, ok, { PassedOn, nf, dev, bad, oor }, {}, nullptr, {}, { { Op::Open, 13 }, { Op::Read, 13 } } },
+        return Then (PrepareEfiBcd (&s.context, s.source->Handle (), s.root, &s.context.Requested, ACTIVE_EFI_BCD_PATH),
+                     [&] { EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\BCD"), kEfiA); });
+      }, { PassedOn, nf, dev, bad, oor }, {}, nullptr, {}, { { Op::Open, 13 }, { Op::Read, 13 } } },
     { "NormalizeEfiBcdByMd5", kEvery, [](Stick &s) {
-        const EFI_STATUS st = NormalizeEfiBcdByMd5 (&s.context, s.source->Handle (), s.root, ACTIVE_EFI_BCD_PATH);
-        if (!EFI_ERROR (st)) EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\bcd_b"), kEfiB);
-        return st;
-      }, ok, { PassedOn, dev, oor } },
+        return Then (NormalizeEfiBcdByMd5 (&s.context, s.source->Handle (), s.root, ACTIVE_EFI_BCD_PATH),
+                     [&] { EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\bcd_b"), kEfiB); });
+      }, kDevOor },
     { "VerifyEfiBcd", kEvery, [](Stick &s) {
         GROUP_STATE state = State ("bcd_a", "grp_a", "efi_a");
         return VerifyEfiBcd (s.root, P (u"\\efi\\microsoft\\boot\\backup\\bcd_a"), &state);
-      }, ok, { PassedOn, bad } },
+      }, kDigest },
   };
 }
 
@@ -420,7 +378,7 @@ std::vector<sweep::Scenario> Scenarios () {
                                if (stick->source != stick->boot) watched.push_back ({ stick->source, kGroups, row.notGroupData });
                                return watched;
                              },
-                             [stick, row]() { return row.run (*stick); }, row.clean, allowed, row.reach });
+                             [stick, row]() { return row.run (*stick); }, allowed, row.reach });
     }
   }
   return scenarios;
