@@ -3,17 +3,17 @@
   a store to the name of the group it belongs to.
 **/
 
-#include "BcdStores.h"
-#include "../app/DiagnosticLog.h"
-#include "../data/EntriesFile.h"
-#include "../data/RecoveryRecord.h"
-#include "../data/StateFile.h"
-#include "../discovery/FsIdentification.h"
-#include "../discovery/InstallMetadata.h"
-#include "../fs/FileAccess.h"
-#include "../fs/Guards.h"
-#include "../fs/Md5.h"
-#include "../fs/VerifiedChange.h"
+#include <activation/BcdStores.h>
+#include <app/DiagnosticLog.h>
+#include <data/EntriesFile.h>
+#include <data/RecoveryRecord.h>
+#include <data/StateFile.h>
+#include <discovery/FsIdentification.h>
+#include <discovery/InstallMetadata.h>
+#include <fs/FileAccess.h>
+#include <fs/Guards.h>
+#include <fs/Md5.h>
+#include <fs/VerifiedChange.h>
 
 /** Loads BcdMd5 from the group's digest file when the state does not know it yet. **/
 STATIC

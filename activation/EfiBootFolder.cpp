@@ -3,11 +3,11 @@
   it is switched, proven by its digest.
 **/
 
-#include "BcdStores.h"
-#include "../app/DiagnosticLog.h"
-#include "../fs/FileAccess.h"
-#include "../fs/Md5.h"
-#include "../fs/VerifiedChange.h"
+#include <activation/BcdStores.h>
+#include <app/DiagnosticLog.h>
+#include <fs/FileAccess.h>
+#include <fs/Md5.h>
+#include <fs/VerifiedChange.h>
 
 #define EFI_STORE_PATH_CHARS   168
 #define EFI_BACKUP_PATH_CHARS  176

@@ -2,9 +2,9 @@
   The diagnostic log.
 **/
 
-#include "DiagnosticLog.h"
-#include "../fs/FileAccess.h"
-#include "../fs/Guards.h"
+#include <app/DiagnosticLog.h>
+#include <fs/FileAccess.h>
+#include <fs/Guards.h>
 
 EFI_FILE_PROTOCOL  *LogFile;
 BOOLEAN            AdvancedDiagnostics;

@@ -4,8 +4,8 @@
   line, a key wait and the failing status returned to the firmware.
 **/
 
-#include "DiagnosticLog.h"
-#include "LoadOptions.h"
+#include <app/DiagnosticLog.h>
+#include <app/LoadOptions.h>
 
 extern "C"
 EFI_STATUS

@@ -2,9 +2,9 @@
   The load options: run mode and requested group ID; the key wait.
 **/
 
-#include "LoadOptions.h"
-#include "DiagnosticLog.h"
-#include "../fs/Guards.h"
+#include <app/LoadOptions.h>
+#include <app/DiagnosticLog.h>
+#include <fs/Guards.h>
 
 /**
   A NUL-terminated CHAR16 copy of the load options, read up to the last whole

@@ -2,9 +2,9 @@
   The entries file \boot\NUR_VEL_EFI.COM.
 **/
 
-#include "EntriesFile.h"
-#include "../app/DiagnosticLog.h"
-#include "../fs/FileAccess.h"
+#include <data/EntriesFile.h>
+#include <app/DiagnosticLog.h>
+#include <fs/FileAccess.h>
 
 EFI_STATUS
 DecodeEntryLine (

@@ -2,15 +2,15 @@
   The recovery record and the marker-ID files.
 **/
 
-#include "RecoveryRecord.h"
-#include "EntriesFile.h"
-#include "StateFile.h"
-#include "../app/DiagnosticLog.h"
-#include "../discovery/FsIdentification.h"
-#include "../discovery/InstallMetadata.h"
-#include "../fs/FileAccess.h"
-#include "../fs/Guards.h"
-#include "../fs/Md5.h"
+#include <data/RecoveryRecord.h>
+#include <data/EntriesFile.h>
+#include <data/StateFile.h>
+#include <app/DiagnosticLog.h>
+#include <discovery/FsIdentification.h>
+#include <discovery/InstallMetadata.h>
+#include <fs/FileAccess.h>
+#include <fs/Guards.h>
+#include <fs/Md5.h>
 
 #define MARKER_PATH_CHARS  (RECORD_PATH_CHARS + VELMARO_NAME_CHARS + 8)
 

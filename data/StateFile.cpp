@@ -2,10 +2,10 @@
   The state file \boot\VELMARO.COM.
 **/
 
-#include "StateFile.h"
-#include "../app/DiagnosticLog.h"
-#include "../fs/FileAccess.h"
-#include "../fs/Guards.h"
+#include <data/StateFile.h>
+#include <app/DiagnosticLog.h>
+#include <fs/FileAccess.h>
+#include <fs/Guards.h>
 
 EFI_STATUS
 NarrowToAscii (

@@ -2,7 +2,7 @@
   Filesystem type names, marker file names and the choice of a filesystem driver.
 **/
 
-#include "FsIdentification.h"
+#include <discovery/FsIdentification.h>
 
 STATIC
 CHAR16

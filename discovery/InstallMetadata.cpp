@@ -2,11 +2,11 @@
   \ZENTO\software.xml and \ZENTO\FS.txt: what the installer recorded about its images.
 **/
 
-#include "InstallMetadata.h"
-#include "../app/DiagnosticLog.h"
-#include "../data/StateFile.h"
-#include "../fs/FileAccess.h"
-#include "../fs/Guards.h"
+#include <discovery/InstallMetadata.h>
+#include <app/DiagnosticLog.h>
+#include <data/StateFile.h>
+#include <fs/FileAccess.h>
+#include <fs/Guards.h>
 
 /// "<software" is this long; the next block is looked for just past it.
 #define SOFTWARE_OPEN_CHARS  9

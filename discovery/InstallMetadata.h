@@ -10,7 +10,7 @@
 #define VELMARO_INSTALL_METADATA_H_
 
 #include <Velmaro.h>
-#include "FsIdentification.h"
+#include <discovery/FsIdentification.h>
 
 #define SOFTWARE_XML_PATH  L16 (u"\\ZENTO\\software.xml")
 #define FS_TXT_PATH        L16 (u"\\ZENTO\\FS.txt")

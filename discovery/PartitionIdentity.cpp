@@ -3,9 +3,9 @@
   partitions sit on one disk, told from their device paths.
 **/
 
-#include "FsIdentification.h"
-#include "../fs/Guards.h"
-#include "../app/DiagnosticLog.h"
+#include <discovery/FsIdentification.h>
+#include <fs/Guards.h>
+#include <app/DiagnosticLog.h>
 
 #define FAT_UUID_CHARS   10     // "xxxx-xxxx" and its NUL
 #define NTFS_UUID_CHARS  17     // 16 digits and the NUL

@@ -2,9 +2,9 @@
   Opening volume roots, testing, reading and deleting files, and the text walkers.
 **/
 
-#include "FileAccess.h"
-#include "Guards.h"
-#include "../app/DiagnosticLog.h"
+#include <fs/FileAccess.h>
+#include <fs/Guards.h>
+#include <app/DiagnosticLog.h>
 
 EFI_STATUS
 OpenRoot (

@@ -6,9 +6,9 @@
   rounds are spelt out step by step so that the four chaining values stay in registers.
 **/
 
-#include "Md5.h"
-#include "FileAccess.h"
-#include "Guards.h"
+#include <fs/Md5.h>
+#include <fs/FileAccess.h>
+#include <fs/Guards.h>
 
 namespace {
 

@@ -2,10 +2,10 @@
   Verified rename, move aside, copy, and case-insensitive entry lookup.
 **/
 
-#include "VerifiedChange.h"
-#include "FileAccess.h"
-#include "Guards.h"
-#include "../app/DiagnosticLog.h"
+#include <fs/VerifiedChange.h>
+#include <fs/FileAccess.h>
+#include <fs/Guards.h>
+#include <app/DiagnosticLog.h>
 
 /**
   Clears the three times of a FILE_INFO before SetInfo: zero leaves the times to the
