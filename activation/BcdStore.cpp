@@ -11,7 +11,7 @@
 #include <discovery/FsIdentification.h>
 #include <discovery/InstallMetadata.h>
 #include <fs/FileAccess.h>
-#include <fs/Guards.h>
+#include <Guards.h>
 #include <fs/Md5.h>
 #include <fs/VerifiedChange.h>
 

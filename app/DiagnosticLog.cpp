@@ -3,8 +3,7 @@
 **/
 
 #include <app/DiagnosticLog.h>
-#include <fs/FileAccess.h>
-#include <fs/Guards.h>
+#include <Guards.h>
 
 EFI_FILE_PROTOCOL  *LogFile;
 BOOLEAN            AdvancedDiagnostics;
@@ -16,6 +15,29 @@ STATIC UINT64   mStartPoint;
 
 #define LOG_PATH    L16 (u"\\velmaro_log.txt")
 #define DEBUG_PATH  L16 (u"\\boot\\VELMARO_DEBUG.LOG")
+
+/**
+  The boot volume's root, opened here rather than through the file helpers: every other
+  part logs, so the log must stand on nothing but the firmware.
+**/
+STATIC
+EFI_STATUS
+OpenLogVolume (
+  IN  EFI_HANDLE         Device,
+  OUT EFI_FILE_PROTOCOL  **Root
+  )
+{
+  EFI_SIMPLE_FILE_SYSTEM_PROTOCOL  *FileSystem;
+  EFI_STATUS                       Status;
+
+  FileSystem = nullptr;
+  Status     = gBS->HandleProtocol (Device, &gEfiSimpleFileSystemProtocolGuid, reinterpret_cast<VOID **>(&FileSystem));
+  if (EFI_ERROR (Status)) {
+    return Status;
+  }
+
+  return FileSystem->OpenVolume (FileSystem, Root);
+}
 
 EFI_STATUS
 InitLog (
@@ -39,7 +61,7 @@ InitLog (
     return EFI_NOT_FOUND;
   }
 
-  Status = OpenRoot (LoadedImage->DeviceHandle, Root.Out ());
+  Status = OpenLogVolume (LoadedImage->DeviceHandle, Root.Out ());
   Print (L16 (u"  InitLog OpenRoot(app device): %r (0x%lx)\n"), Status, Status);
   if (EFI_ERROR (Status)) {
     return Status;

@@ -4,7 +4,7 @@
 
 #include <app/LoadOptions.h>
 #include <app/DiagnosticLog.h>
-#include <fs/Guards.h>
+#include <Guards.h>
 
 /**
   A NUL-terminated CHAR16 copy of the load options, read up to the last whole

@@ -9,7 +9,7 @@
 #include <discovery/FsIdentification.h>
 #include <discovery/InstallMetadata.h>
 #include <fs/FileAccess.h>
-#include <fs/Guards.h>
+#include <Guards.h>
 #include <fs/Md5.h>
 
 #define MARKER_PATH_CHARS  (RECORD_PATH_CHARS + VELMARO_NAME_CHARS + 8)

@@ -5,32 +5,7 @@
 #include <data/StateFile.h>
 #include <app/DiagnosticLog.h>
 #include <fs/FileAccess.h>
-#include <fs/Guards.h>
-
-EFI_STATUS
-NarrowToAscii (
-  OUT CHAR8         *Destination,
-  IN  UINTN         Size,
-  IN  CONST CHAR16  *Text
-  )
-{
-  UINTN  Index;
-
-  if ((Size == 0) || (Text == nullptr) || (Destination == nullptr)) {
-    return EFI_INVALID_PARAMETER;
-  }
-
-  for (Index = 0; Text[Index] != L'\0'; Index++) {
-    if ((Index + 1 >= Size) || (Text[Index] >= 128)) {
-      return EFI_BUFFER_TOO_SMALL;
-    }
-
-    Destination[Index] = static_cast<CHAR8>(Text[Index]);
-  }
-
-  Destination[Index] = '\0';
-  return EFI_SUCCESS;
-}
+#include <Guards.h>
 
 /**
   Copies Length bytes of a value into a NUL-terminated buffer of Capacity bytes.

@@ -7,6 +7,7 @@
 #define VELMARO_STATE_FILE_H_
 
 #include <Velmaro.h>
+#include <fs/AsciiText.h>
 
 #define STATE_FILE_PATH      L16 (u"\\boot\\VELMARO.COM")
 /// A written state file holds at most 511 bytes.
@@ -16,13 +17,6 @@
 #define STATE_TEXT_FORMAT_BYTES  640
 /// The text that records no active group.
 #define STATE_TEXT_NO_GROUP  "velmaro file configuration\r\n"
-
-EFI_STATUS
-NarrowToAscii (
-  OUT CHAR8         *Destination,
-  IN  UINTN         Size,
-  IN  CONST CHAR16  *Text
-  );
 
 /** EFI_SUCCESS: a group is recorded; EFI_NOT_FOUND: none; EFI_COMPROMISED_DATA: a
     partial record; EFI_BUFFER_TOO_SMALL: a name of 128 characters or more.

@@ -4,9 +4,9 @@
 
 #include <discovery/InstallMetadata.h>
 #include <app/DiagnosticLog.h>
-#include <data/StateFile.h>
+#include <fs/AsciiText.h>
 #include <fs/FileAccess.h>
-#include <fs/Guards.h>
+#include <Guards.h>
 
 /// "<software" is this long; the next block is looked for just past it.
 #define SOFTWARE_OPEN_CHARS  9

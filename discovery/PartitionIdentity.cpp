@@ -4,7 +4,7 @@
 **/
 
 #include <discovery/FsIdentification.h>
-#include <fs/Guards.h>
+#include <Guards.h>
 #include <app/DiagnosticLog.h>
 
 #define FAT_UUID_CHARS   10     // "xxxx-xxxx" and its NUL

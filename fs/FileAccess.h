@@ -7,6 +7,7 @@
 #define VELMARO_FILE_ACCESS_H_
 
 #include <Velmaro.h>
+#include <fs/AsciiText.h>
 
 /// First guess for an EFI_FILE_INFO: the fixed part and 256 name characters.
 #define FILE_INFO_FIRST_GUESS  592
@@ -50,68 +51,6 @@ DeleteFileVerified (
   IN EFI_HANDLE         Volume,
   IN EFI_FILE_PROTOCOL  *Root,
   IN CONST CHAR16       *Path
-  );
-
-VOID
-TrimAsciiSpace (
-  IN OUT CHAR8  *Text
-  );
-
-/** Widens Source into Destination. EFI_BUFFER_TOO_SMALL when Source and its NUL do not
-    fit in Capacity characters; Destination is then the empty string, never a cut copy. **/
-EFI_STATUS
-AsciiToChar16 (
-  OUT CHAR16       *Destination,
-  IN  UINTN        Capacity,
-  IN  CONST CHAR8  *Source
-  );
-
-#define LEAF_NAME_CHARS  128
-
-EFI_STATUS
-AsciiLeafNameToChar16 (
-  OUT CHAR16       *Destination,
-  IN  CONST CHAR8  *Path
-  );
-
-/** Characters of the line at Line: up to the first CR, LF or NUL. **/
-UINTN
-LineLength (
-  IN CONST CHAR8  *Line
-  );
-
-/** Value of one hexadecimal digit of either case, or -1. **/
-INTN
-HexValue (
-  IN CHAR8  Character
-  );
-
-/** Start of the next non-empty line, or null at the end of the text. **/
-CONST CHAR8 *
-NextLine (
-  IN CONST CHAR8  *Position
-  );
-
-CONST CHAR16 *
-PathLeafName (
-  IN CONST CHAR16  *Path
-  );
-
-BOOLEAN
-GroupNamesEqual (
-  IN CONST GROUP_STATE  *First,
-  IN CONST GROUP_STATE  *Second
-  );
-
-BOOLEAN
-HasTxtSuffix (
-  IN CONST CHAR16  *Name
-  );
-
-EFI_STATUS
-TxtNameToAscii (
-  OUT CHAR8         *Destination,
-  IN  CONST CHAR16  *Name
   );
 
 #endif

@@ -8,7 +8,7 @@
 
 #include <fs/Md5.h>
 #include <fs/FileAccess.h>
-#include <fs/Guards.h>
+#include <Guards.h>
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <fs/VerifiedChange.h>
 #include <fs/FileAccess.h>
-#include <fs/Guards.h>
+#include <Guards.h>
 #include <app/DiagnosticLog.h>
 
 /**

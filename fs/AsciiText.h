@@ -1,0 +1,84 @@
+/** @file
+  Text helpers every reader of the stick's files walks ASCII text with, and the copies
+  between ASCII and CHAR16 names. They touch no volume and log nothing, so every layer
+  may use them.
+**/
+
+#ifndef VELMARO_ASCII_TEXT_H_
+#define VELMARO_ASCII_TEXT_H_
+
+#include <Velmaro.h>
+
+VOID
+TrimAsciiSpace (
+  IN OUT CHAR8  *Text
+  );
+
+/** Widens Source into Destination. EFI_BUFFER_TOO_SMALL when Source and its NUL do not
+    fit in Capacity characters; Destination is then the empty string, never a cut copy. **/
+EFI_STATUS
+AsciiToChar16 (
+  OUT CHAR16       *Destination,
+  IN  UINTN        Capacity,
+  IN  CONST CHAR8  *Source
+  );
+
+#define LEAF_NAME_CHARS  128
+
+EFI_STATUS
+AsciiLeafNameToChar16 (
+  OUT CHAR16       *Destination,
+  IN  CONST CHAR8  *Path
+  );
+
+/** Characters of the line at Line: up to the first CR, LF or NUL. **/
+UINTN
+LineLength (
+  IN CONST CHAR8  *Line
+  );
+
+/** Value of one hexadecimal digit of either case, or -1. **/
+INTN
+HexValue (
+  IN CHAR8  Character
+  );
+
+/** Start of the next non-empty line, or null at the end of the text. **/
+CONST CHAR8 *
+NextLine (
+  IN CONST CHAR8  *Position
+  );
+
+CONST CHAR16 *
+PathLeafName (
+  IN CONST CHAR16  *Path
+  );
+
+BOOLEAN
+GroupNamesEqual (
+  IN CONST GROUP_STATE  *First,
+  IN CONST GROUP_STATE  *Second
+  );
+
+BOOLEAN
+HasTxtSuffix (
+  IN CONST CHAR16  *Name
+  );
+
+EFI_STATUS
+TxtNameToAscii (
+  OUT CHAR8         *Destination,
+  IN  CONST CHAR16  *Name
+  );
+
+/** Narrows Text into Destination (Size bytes). EFI_BUFFER_TOO_SMALL for a character of 128
+    or more, or when the text and its NUL do not fit; what was copied then stays,
+    unterminated. **/
+EFI_STATUS
+NarrowToAscii (
+  OUT CHAR8         *Destination,
+  IN  UINTN         Size,
+  IN  CONST CHAR16  *Text
+  );
+
+#endif
