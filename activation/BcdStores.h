@@ -40,18 +40,35 @@ NormalizeEfiBcdByMd5 (
   IN CONST CHAR16              *Path
   );
 
+///
+/// One place an EFI BCD store may be taken from. Stores inside "\efi\microsoft\boot" are
+/// renamed (a mismatching one is first given to its owner or ".bak"); the others are
+/// copied so that they stay where they are.
+///
+typedef struct {
+  CONST CHAR16    *Folder;          ///< searched for WantedName, in any ASCII case, when Path is missing
+  CONST CHAR16    *WantedName;
+  CONST CHAR16    *Path;
+  BOOLEAN         Copy;
+  CONST CHAR16    *WarnOnFailure;   ///< failures other than absence: logged with it and passed over; null: returned
+} EFI_BCD_CANDIDATE;
+
+/**
+  Brings the store at one candidate place to Target when its digest is the group's.
+
+  @retval EFI_SUCCESS    Target holds the group's store.
+  @retval EFI_NOT_FOUND  No coherent store there (a mismatching one may have been moved
+                         to its owner's name or ".bak").
+  @retval other          A move, copy or digest failed.
+**/
 EFI_STATUS
 TryEfiBcdCandidate (
   IN     CONST ACTIVATION_CONTEXT  *Context,
   IN     EFI_HANDLE                Volume,
   IN     EFI_FILE_PROTOCOL         *Root,
   IN OUT GROUP_STATE               *State,
-  IN     CONST CHAR16              *Folder,
-  IN     CONST CHAR16              *WantedName,
-  IN     CONST CHAR16              *Candidate,
-  IN     CONST CHAR16              *Target,
-  IN     BOOLEAN                   NormaliseOnMismatch,
-  IN     BOOLEAN                   CopyInsteadOfRename
+  IN     CONST EFI_BCD_CANDIDATE   *Candidate,
+  IN     CONST CHAR16              *Target
   );
 
 /** EFI_SUCCESS when Target holds a store coherent with the group, taken from the first

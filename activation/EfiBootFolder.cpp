@@ -129,12 +129,8 @@ TryEfiBcdCandidate (
   IN     EFI_HANDLE                Volume,
   IN     EFI_FILE_PROTOCOL         *Root,
   IN OUT GROUP_STATE               *State,
-  IN     CONST CHAR16              *Folder,
-  IN     CONST CHAR16              *WantedName,
-  IN     CONST CHAR16              *Candidate,
-  IN     CONST CHAR16              *Target,
-  IN     BOOLEAN                   NormaliseOnMismatch,
-  IN     BOOLEAN                   CopyInsteadOfRename
+  IN     CONST EFI_BCD_CANDIDATE   *Candidate,
+  IN     CONST CHAR16              *Target
   )
 {
   CHAR16        Found[DIR_ENTRY_PATH_CHARS];
@@ -143,9 +139,9 @@ TryEfiBcdCandidate (
   EFI_STATUS    Status;
 
   // Stores copied by other tools may carry their name in another letter case.
-  Path = Candidate;
-  if (EFI_ERROR (FileExists (Root, Candidate, &Exists))) {
-    if (EFI_ERROR (FindDirEntryPath (Root, Folder, WantedName, Found))) {
+  Path = Candidate->Path;
+  if (EFI_ERROR (FileExists (Root, Path, &Exists))) {
+    if (EFI_ERROR (FindDirEntryPath (Root, Candidate->Folder, Candidate->WantedName, Found))) {
       return EFI_NOT_FOUND;
     }
 
@@ -158,7 +154,7 @@ TryEfiBcdCandidate (
       return EFI_SUCCESS;
     }
 
-    if (!CopyInsteadOfRename) {
+    if (!Candidate->Copy) {
       return RenameVerified (Volume, Root, Path, Target);
     }
 
@@ -182,7 +178,7 @@ TryEfiBcdCandidate (
   }
 
   LogPrint (L16 (u"BCD EFI fallback non valido %s: %r (0x%lx)\n"), Path, Status, Status);
-  if (NormaliseOnMismatch && (Status == EFI_COMPROMISED_DATA)) {
+  if (!Candidate->Copy && (Status == EFI_COMPROMISED_DATA)) {
     Status = NormalizeEfiBcdByMd5 (Context, Volume, Root, Path);
     if (EFI_ERROR (Status)) {
       return Status;
@@ -242,32 +238,26 @@ PrepareEfiBcd (
   UnicodeSPrint (FolderBackup, sizeof (FolderBackup), L16 (u"\\efi\\%s\\boot\\backup\\%s"), State->Efi, State->Bcd);
   UnicodeSPrint (FolderBackupDir, sizeof (FolderBackupDir), L16 (u"\\efi\\%s\\boot\\backup"), State->Efi);
 
-  // Stores inside \efi\microsoft\boot are renamed; the others are copied so that they
-  // stay where they are.
-  Status = TryEfiBcdCandidate (Context, Volume, Root, State, L16 (u"\\efi\\microsoft\\boot"), L16 (u"BCD"), ACTIVE_EFI_BCD_PATH, Target, TRUE, FALSE);
-  if (Status == EFI_NOT_FOUND) {
-    Status = TryEfiBcdCandidate (Context, Volume, Root, State, L16 (u"\\efi\\microsoft\\boot"), State->Bcd, GroupStore, Target, TRUE, FALSE);
-  }
+  CONST EFI_BCD_CANDIDATE  Candidates[] = {
+    { L16 (u"\\efi\\microsoft\\boot"), L16 (u"BCD"), ACTIVE_EFI_BCD_PATH, FALSE, nullptr },
+    { L16 (u"\\efi\\microsoft\\boot"), State->Bcd, GroupStore, FALSE, nullptr },
+    { FolderBoot, L16 (u"BCD"), FolderStore, TRUE, L16 (u"WARN: BCD EFI originale cartella EFI fallito, provo backup microsoft: %r (0x%lx)\n") },
+    { L16 (u"\\efi\\microsoft\\boot\\backup"), State->Bcd, MicrosoftBackup, TRUE, L16 (u"WARN: fallback BCD EFI backup microsoft fallito, provo backup EFI: %r (0x%lx)\n") },
+    { FolderBackupDir, State->Bcd, FolderBackup, TRUE, nullptr },
+  };
 
-  if (Status == EFI_NOT_FOUND) {
-    Status = TryEfiBcdCandidate (Context, Volume, Root, State, FolderBoot, L16 (u"BCD"), FolderStore, Target, FALSE, TRUE);
-    if (EFI_ERROR (Status) && (Status != EFI_NOT_FOUND)) {
-      LogPrint (L16 (u"WARN: BCD EFI originale cartella EFI fallito, provo backup microsoft: %r (0x%lx)\n"), Status, Status);
+  // The first place that holds a coherent store ends the search.
+  for (CONST EFI_BCD_CANDIDATE &Candidate : Candidates) {
+    Status = TryEfiBcdCandidate (Context, Volume, Root, State, &Candidate, Target);
+    if (EFI_ERROR (Status) && (Status != EFI_NOT_FOUND) && (Candidate.WarnOnFailure != nullptr)) {
+      LogPrint (Candidate.WarnOnFailure, Status, Status);
       Status = EFI_NOT_FOUND;
+    }
+
+    if (Status != EFI_NOT_FOUND) {
+      return Status;
     }
   }
 
-  if (Status == EFI_NOT_FOUND) {
-    Status = TryEfiBcdCandidate (Context, Volume, Root, State, L16 (u"\\efi\\microsoft\\boot\\backup"), State->Bcd, MicrosoftBackup, Target, FALSE, TRUE);
-    if (EFI_ERROR (Status) && (Status != EFI_NOT_FOUND)) {
-      LogPrint (L16 (u"WARN: fallback BCD EFI backup microsoft fallito, provo backup EFI: %r (0x%lx)\n"), Status, Status);
-      Status = EFI_NOT_FOUND;
-    }
-  }
-
-  if (Status == EFI_NOT_FOUND) {
-    Status = TryEfiBcdCandidate (Context, Volume, Root, State, FolderBackupDir, State->Bcd, FolderBackup, Target, FALSE, TRUE);
-  }
-
-  return Status;
+  return EFI_NOT_FOUND;
 }
