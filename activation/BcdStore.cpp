@@ -168,13 +168,8 @@ RepairActiveBcd (
   Status         = FileExists (Root, ACTIVE_BCD_PATH, &Exists);
   if (!EFI_ERROR (Status)) {
     // The store kept aside by an earlier repair may be the only copy of its bytes.
-    Status = FileExists (Root, ACTIVE_BCD_BAK_PATH, &Exists);
-    if (!EFI_ERROR (Status)) {
-      Status = KeepUnderNumberedName (Volume, Root, ACTIVE_BCD_BAK_PATH);
-      if (EFI_ERROR (Status)) {
-        return Status;
-      }
-    } else if (Status != EFI_NOT_FOUND) {
+    Status = MakeRoomAt (Volume, Root, ACTIVE_BCD_BAK_PATH);
+    if (EFI_ERROR (Status)) {
       return Status;
     }
 

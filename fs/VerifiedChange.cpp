@@ -146,7 +146,7 @@ RenameVerified (
 }
 
 EFI_STATUS
-KeepUnderNumberedName (
+MakeRoomAt (
   IN EFI_HANDLE         Volume,
   IN EFI_FILE_PROTOCOL  *Root,
   IN CONST CHAR16       *Path
@@ -162,6 +162,15 @@ KeepUnderNumberedName (
 
   if (StrLen (Path) + 2 >= KEPT_PATH_CHARS) {
     return EFI_BUFFER_TOO_SMALL;
+  }
+
+  Status = FileExists (Root, Path, &Exists);
+  if (Status == EFI_NOT_FOUND) {
+    return EFI_SUCCESS;
+  }
+
+  if (EFI_ERROR (Status)) {
+    return Status;
   }
 
   for (UINTN Number = 1; Number <= KEPT_NAME_MAX_NUMBER; Number++) {
@@ -188,7 +197,6 @@ MoveAsideToBak (
   )
 {
   CHAR16      BakPath[BAK_PATH_CHARS];
-  BOOLEAN     Exists;
   EFI_STATUS  Status;
 
   if ((Volume == nullptr) || (Root == nullptr) || (Path == nullptr)) {
@@ -203,16 +211,9 @@ MoveAsideToBak (
 
   // An older ".bak" may hold the only copy of some bytes (and FAT would refuse to
   // delete it as soon as it is a folder with files): it moves on to a numbered name.
-  Status = FileExists (Root, BakPath, &Exists);
-  if (EFI_ERROR (Status) && (Status != EFI_NOT_FOUND)) {
+  Status = MakeRoomAt (Volume, Root, BakPath);
+  if (EFI_ERROR (Status)) {
     return Status;
-  }
-
-  if (Exists) {
-    Status = KeepUnderNumberedName (Volume, Root, BakPath);
-    if (EFI_ERROR (Status)) {
-      return Status;
-    }
   }
 
   return RenameVerified (Volume, Root, Path, BakPath);

@@ -31,24 +31,25 @@ RenameVerified (
   );
 
 /**
-  Keeps an entry that is in the way of a new one: renames Path, verified, to the first
-  free of Path + "1" ... Path + "99". Nothing that may be a group's data is deleted to
-  make room.
+  Makes room for a new entry at Path: an entry already there is renamed, verified, to
+  the first free of Path + "1" ... Path + "99". Nothing that may be a group's data is
+  deleted to make room.
 
-  @retval EFI_SUCCESS          Path now carries the numbered name, which is logged.
+  @retval EFI_SUCCESS          Path is free: it was, or its entry now carries the
+                               numbered name, which is logged.
   @retval EFI_ALREADY_STARTED  All 99 names are taken; nothing changed.
   @retval EFI_BUFFER_TOO_SMALL Path leaves no room for two digits.
   @retval other                An existence test or the rename failed.
 **/
 EFI_STATUS
-KeepUnderNumberedName (
+MakeRoomAt (
   IN EFI_HANDLE         Volume,
   IN EFI_FILE_PROTOCOL  *Root,
   IN CONST CHAR16       *Path
   );
 
 /** Renames Path to Path + ".bak". An older entry of that name is first kept under a
-    numbered name (KeepUnderNumberedName), never deleted. **/
+    numbered name (MakeRoomAt), never deleted. **/
 EFI_STATUS
 MoveAsideToBak (
   IN EFI_HANDLE         Volume,
