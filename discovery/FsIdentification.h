@@ -63,19 +63,6 @@ IsSiblingPartition (
 
 // --- Device paths (PartitionIdentity.cpp) ---------------------------------------
 
-/** TRUE when a walk along a device path stops at Node: an End node, or a node whose
-    Length is too short to step over. **/
-BOOLEAN
-PathWalkEnds (
-  IN CONST EFI_DEVICE_PATH_PROTOCOL  *Node
-  );
-
-/** The node after Node; only for a Node at which the walk does not end. **/
-CONST EFI_DEVICE_PATH_PROTOCOL *
-NextPathNode (
-  IN CONST EFI_DEVICE_PATH_PROTOCOL  *Node
-  );
-
 /** The first Hard Drive media node before the walk ends, or null. PrefixLength gets the
     bytes before that node, or before the end of the walk when there is none. **/
 CONST HARDDRIVE_DEVICE_PATH *

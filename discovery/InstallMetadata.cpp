@@ -44,6 +44,8 @@ FindInBuffer (
   return nullptr;
 }
 
+/** Starts a walk over Text, which ends at its first NUL. **/
+STATIC
 VOID
 BeginSoftwareBlocks (
   OUT SOFTWARE_BLOCK_WALK  *Walk,
@@ -56,6 +58,9 @@ BeginSoftwareBlocks (
   Walk->End  = Text + AsciiStrLen (Text);
 }
 
+/** EFI_SUCCESS with the next block; EFI_NOT_FOUND when there is none;
+    EFI_COMPROMISED_DATA for a "<software" that nothing closes. **/
+STATIC
 EFI_STATUS
 NextSoftwareBlock (
   IN OUT SOFTWARE_BLOCK_WALK  *Walk,
@@ -237,6 +242,8 @@ IsWindowsDerBlock (
   return DerContains (Block, "Windows") && DerContains (Block, "velmaro");
 }
 
+/** TRUE when the image was written with its files on a second partition. **/
+STATIC
 BOOLEAN
 HasSecondPartitionFlag (
   IN CONST SOFTWARE_BLOCK  *Block

@@ -47,21 +47,6 @@ FindInBuffer (
   IN CONST CHAR8  *Needle
   );
 
-/** Starts a walk over Text, which ends at its first NUL. **/
-VOID
-BeginSoftwareBlocks (
-  OUT SOFTWARE_BLOCK_WALK  *Walk,
-  IN  CONST CHAR8          *Text
-  );
-
-/** EFI_SUCCESS with the next block; EFI_NOT_FOUND when there is none;
-    EFI_COMPROMISED_DATA for a "<software" that nothing closes. **/
-EFI_STATUS
-NextSoftwareBlock (
-  IN OUT SOFTWARE_BLOCK_WALK  *Walk,
-  OUT    SOFTWARE_BLOCK       *Block
-  );
-
 /** The text of the block's element Name, trimmed and widened into Destination
     (Capacity characters, NUL included); Destination is empty on any failure.
     EFI_NOT_FOUND: no "<Name>"; EFI_COMPROMISED_DATA: no "</Name>" after it;
@@ -92,12 +77,6 @@ DerContains (
 /** TRUE when the Der value names both "Windows" and "velmaro". **/
 BOOLEAN
 IsWindowsDerBlock (
-  IN CONST SOFTWARE_BLOCK  *Block
-  );
-
-/** TRUE when the image was written with its files on a second partition. **/
-BOOLEAN
-HasSecondPartitionFlag (
   IN CONST SOFTWARE_BLOCK  *Block
   );
 

@@ -374,6 +374,9 @@ PathNodeLength (
   return Node->Length[0] | (static_cast<UINTN>(Node->Length[1]) << 8);
 }
 
+/** TRUE when a walk along a device path stops at Node: an End node, or a node whose
+    Length is too short to step over. **/
+STATIC
 BOOLEAN
 PathWalkEnds (
   IN CONST EFI_DEVICE_PATH_PROTOCOL  *Node
@@ -383,6 +386,8 @@ PathWalkEnds (
   return (Node->Type == END_DEVICE_PATH_TYPE) || (PathNodeLength (Node) < sizeof (EFI_DEVICE_PATH_PROTOCOL));
 }
 
+/** The node after Node; only for a Node at which the walk does not end. **/
+STATIC
 CONST EFI_DEVICE_PATH_PROTOCOL *
 NextPathNode (
   IN CONST EFI_DEVICE_PATH_PROTOCOL  *Node
