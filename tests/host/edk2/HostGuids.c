@@ -26,6 +26,8 @@
 #include <Protocol/DriverDiagnostics.h>
 #include <Protocol/DriverDiagnostics2.h>
 #include <Protocol/UnicodeCollation.h>
+#include <Protocol/Shell.h>
+#include <Protocol/EfiShellEnvironment2.h>
 
 EFI_GUID  gEfiFileInfoGuid                        = EFI_FILE_INFO_ID;
 EFI_GUID  gEfiFileSystemInfoGuid                  = EFI_FILE_SYSTEM_INFO_ID;
@@ -66,3 +68,5 @@ EFI_GUID  gEfiFileSystemVolumeLabelInfoIdGuid     = EFI_FILE_SYSTEM_VOLUME_LABEL
 EFI_GUID  gEfiGlobalVariableGuid                  = EFI_GLOBAL_VARIABLE;
 EFI_GUID  gEfiUnicodeCollationProtocolGuid        = EFI_UNICODE_COLLATION_PROTOCOL_GUID;
 EFI_GUID  gEfiUnicodeCollation2ProtocolGuid       = EFI_UNICODE_COLLATION_PROTOCOL2_GUID;
+EFI_GUID  gEfiShellProtocolGuid                   = EFI_SHELL_PROTOCOL_GUID;
+EFI_GUID  gEfiShellEnvironment2Guid               = SHELL_ENVIRONMENT_PROTOCOL_GUID;
