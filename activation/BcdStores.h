@@ -20,9 +20,18 @@
 
 // --- EFI boot folder (EfiBootFolder.cpp) -------------------------------------------
 
-/** EFI_SUCCESS when the file's MD5 equals State->BcdEfiMd5 (loaded from the EFI digest
-    file when unknown), EFI_COMPROMISED_DATA when it differs, EFI_NOT_FOUND without a
-    digest. **/
+/**
+  Compares the MD5 of the file at Path with State->BcdEfiMd5, which is loaded from
+  "\efi\microsoft\boot\backup\<Bcd>.md5" when unknown.
+
+  @retval EFI_SUCCESS            The file's digest equals State->BcdEfiMd5.
+  @retval EFI_COMPROMISED_DATA   It differs, or the digest file holds no well-formed
+                                 digest.
+  @retval EFI_NOT_FOUND          The digest file is absent, or the file at Path is.
+  @retval EFI_INVALID_PARAMETER  No digest is known and State->Bcd is empty.
+  @retval EFI_DEVICE_ERROR       A read reported more bytes than were asked for.
+  @retval other                  Reading the digest file or the file at Path failed.
+**/
 EFI_STATUS
 VerifyEfiBcd (
   IN     EFI_FILE_PROTOCOL  *Root,
@@ -30,8 +39,20 @@ VerifyEfiBcd (
   IN OUT GROUP_STATE        *State
   );
 
-/** Gives a stray EFI BCD store the name of the known group (current or requested) whose
-    digest it carries, or moves it to its ".bak" name. **/
+/**
+  Gives a stray EFI BCD store the name of the known group (current or requested) whose
+  digest it carries, or moves it to its ".bak" name when no group owns it or the
+  owner's name is taken.
+
+  @retval EFI_SUCCESS           The store carries its owner's name (it may have had it
+                                already) or its ".bak" name.
+  @retval EFI_ALREADY_STARTED   An older ".bak" is in the way and every numbered name is
+                                taken; nothing changed.
+  @retval EFI_BUFFER_TOO_SMALL  Path leaves no room for ".bak"; nothing changed.
+  @retval EFI_DEVICE_ERROR      A rename was not confirmed on a fresh root.
+  @retval other                 The store's digest (nothing changed), an existence test
+                                or a rename failed.
+**/
 EFI_STATUS
 NormalizeEfiBcdByMd5 (
   IN CONST ACTIVATION_CONTEXT  *Context,
@@ -56,10 +77,16 @@ typedef struct {
 /**
   Brings the store at one candidate place to Target when its digest is the group's.
 
-  @retval EFI_SUCCESS    Target holds the group's store.
-  @retval EFI_NOT_FOUND  No coherent store there (a mismatching one may have been moved
-                         to its owner's name or ".bak").
-  @retval other          A move, copy or digest failed.
+  @retval EFI_SUCCESS           Target holds the group's store.
+  @retval EFI_NOT_FOUND         No coherent store there: none, its digest or the group's
+                                cannot be had, or it does not match (a mismatching one
+                                that is renamed, not copied, goes to its owner's name or
+                                ".bak" first).
+  @retval EFI_ACCESS_DENIED     Target already holds bytes; the copy left it untouched.
+  @retval EFI_COMPROMISED_DATA  The copy does not carry the group's digest.
+  @retval other                 A move or the copy failed, or the copy's digest could not
+                                be taken. A copy that failed or does not match is moved
+                                to its ".bak" name when it can be.
 **/
 EFI_STATUS
 TryEfiBcdCandidate (
@@ -71,8 +98,20 @@ TryEfiBcdCandidate (
   IN     CONST CHAR16              *Target
   );
 
-/** EFI_SUCCESS when Target holds a store coherent with the group, taken from the first
-    of five places that has one; EFI_NOT_FOUND when none has (or no digest is known). **/
+/**
+  Brings a store coherent with the group to Target, taken from the first of five places
+  that has one. A mismatching store at Target first goes to its owner's name or ".bak".
+  Failures other than absence at the third and fourth places (the EFI folder's own
+  store and the Microsoft backup) are logged and passed over; elsewhere they end the
+  search.
+
+  @retval EFI_SUCCESS            Target holds a store coherent with the group.
+  @retval EFI_NOT_FOUND          None of the places has one, or no digest is known.
+  @retval EFI_INVALID_PARAMETER  The group's Bcd or Efi name is empty.
+  @retval other                  A test, digest, move or copy at Target or at a place
+                                 whose failures end the search failed
+                                 (see TryEfiBcdCandidate).
+**/
 EFI_STATUS
 PrepareEfiBcd (
   IN     CONST ACTIVATION_CONTEXT  *Context,
@@ -84,9 +123,24 @@ PrepareEfiBcd (
 
 // --- BCD stores (BcdStore.cpp) -------------------------------------------------------
 
-/** EFI_SUCCESS when the requested group is active and atomic on the volume,
-    EFI_NOT_FOUND when it is not. Not a pure test: a wrong "\boot\BCD" is replaced from a
-    coherent backup, and on NTFS/exFAT the EFI BCD store is brought into place. **/
+/**
+  Whether the requested group is active and atomic on the volume. Not a pure test: the
+  "\sources" record is completed (ValidateRequestedSourcePath), a wrong "\boot\BCD" is
+  replaced from a coherent backup (at most one repair, whose failure only means "not
+  active"), and on NTFS/exFAT the EFI BCD store is brought into place. Without any
+  digest, an existing "\boot\BCD" is taken on trust.
+
+  @retval EFI_SUCCESS            The requested group is active.
+  @retval EFI_NOT_FOUND          It is not.
+  @retval EFI_COMPROMISED_DATA   The "\sources" record is damaged (see
+                                 ValidateRequestedSourcePath), the group's backup digest
+                                 file holds no well-formed digest, or on NTFS/exFAT a
+                                 copied EFI store does not match.
+  @retval EFI_BUFFER_TOO_SMALL   The group ID, or a value in the record, is too long or
+                                 not ASCII.
+  @retval EFI_INVALID_PARAMETER  On NTFS/exFAT, the group's Bcd or Efi name is empty.
+  @retval other                  A read, test, digest or move on the way failed.
+**/
 EFI_STATUS
 IsRequestedGroupActive (
   IN OUT ACTIVATION_CONTEXT  *Context,
@@ -101,9 +155,12 @@ IsRequestedGroupActive (
   not match is undone.
 
   @retval EFI_SUCCESS           "\boot\BCD" now carries the requested group's digest.
-  @retval EFI_NOT_FOUND         No digest is known for the requested group.
+  @retval EFI_NOT_FOUND         No digest is known for the requested group, or its backup
+                                is absent.
   @retval EFI_COMPROMISED_DATA  The backup, or the copy, does not carry that digest.
   @retval EFI_ALREADY_STARTED   Every numbered name for an older BCD_BAK is taken.
+  @retval EFI_ACCESS_DENIED     "\boot\BCD" holds bytes after all; the copy left it
+                                untouched and nothing is undone.
   @retval other                 A move, the copy or a digest failed.
 **/
 EFI_STATUS
@@ -113,8 +170,22 @@ RepairActiveBcd (
   IN EFI_FILE_PROTOCOL         *Root
   );
 
-/** Moves the store at Path to the name of the group whose digest it carries, or to its
-    ".bak" name. **/
+/**
+  Moves the store at Path to the name of the group whose digest it carries, or to its
+  ".bak" name. The owner is sought in the install metadata, then in the active
+  "\sources" record, then in the digest files beside the groups' backups (two groups
+  with one digest name none). A store whose group's name is taken, or is Path itself,
+  goes to its ".bak" name (a taken name from the install metadata only passes the
+  search on).
+
+  @retval EFI_SUCCESS           The store carries its group's name or its ".bak" name.
+  @retval EFI_ALREADY_STARTED   An older ".bak" is in the way and every numbered name is
+                                taken; nothing changed.
+  @retval EFI_BUFFER_TOO_SMALL  Path leaves no room for ".bak"; nothing changed.
+  @retval EFI_DEVICE_ERROR      A rename was not confirmed on a fresh root.
+  @retval other                 The store's digest (nothing changed), an existence test
+                                or a rename failed.
+**/
 EFI_STATUS
 NormalizeBcdByMd5 (
   IN CONST ACTIVATION_CONTEXT  *Context,
@@ -123,7 +194,24 @@ NormalizeBcdByMd5 (
   IN CONST CHAR16              *Path
   );
 
-/** The names, digest and filesystem of the group a recovery record belongs to. **/
+/**
+  The names, BCD digest and filesystem of the group a recovery record belongs to: the
+  record must belong to Volume, and its ID is looked up in EntriesText. Without SRC_FS
+  the filesystem is read from the volume, or taken as FAT32. *State is zeroed first and
+  may be partly filled on failure.
+
+  @retval EFI_SUCCESS           *State names the group.
+  @retval EFI_NOT_FOUND         The record is absent, belongs to another partition, has
+                                no ID, or its ID names no group in EntriesText.
+  @retval EFI_COMPROMISED_DATA  The ID holds "\", "/" or ":", the BCD_MD5 line a
+                                malformed digest, or EntriesText no line or a first line
+                                that is not hexadecimal.
+  @retval EFI_BUFFER_TOO_SMALL  A value in the record, or a name in EntriesText, is too
+                                long (or, in the record, not ASCII).
+  @retval EFI_BAD_BUFFER_SIZE   EntriesText's first line has an odd number of digits, or
+                                too many.
+  @retval other                 Reading the record or the volume's UUID failed.
+**/
 EFI_STATUS
 ReadActiveRecordState (
   IN  CONST ACTIVATION_CONTEXT  *Context,

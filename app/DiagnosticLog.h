@@ -19,6 +19,17 @@ extern EFI_FILE_PROTOCOL  *LogFile;
 /// Set by InitLog when \boot\VELMARO_DEBUG.LOG exists on the boot volume.
 extern BOOLEAN            AdvancedDiagnostics;
 
+/**
+  Opens a fresh \velmaro_log.txt on the volume the image was loaded from (an old log is
+  deleted first, or written over from its start when it cannot be), starts the
+  millisecond stamps and sets AdvancedDiagnostics. Each firmware answer is printed.
+
+  @retval EFI_SUCCESS    The log is open.
+  @retval EFI_NOT_FOUND  The image's Loaded Image protocol gave no interface.
+  @retval other          Loaded Image, the volume's file system, its root or the log
+                         file could not be opened; LogFile stays null. Or SetPosition on
+                         the log failed; the log is then open and in use all the same.
+**/
 EFI_STATUS
 InitLog (
   IN EFI_HANDLE  ImageHandle
@@ -31,6 +42,13 @@ LogPrint (
   ...
   );
 
+/**
+  Stamps Message with the milliseconds since InitLog, prints it on the console and,
+  while the log is open, appends it to the log and flushes.
+
+  @retval EFI_SUCCESS  The line was printed and, with an open log, flushed.
+  @retval other        The flush failed. A failed or short write is not reported.
+**/
 EFI_STATUS
 LogWriteLine (
   IN CONST CHAR16  *Message

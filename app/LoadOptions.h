@@ -23,6 +23,16 @@ HasLoadOptionWord (
   IN CONST CHAR16                     *Word
   );
 
+/**
+  The first load-option word (words are separated by spaces, TABs and quotes) that
+  begins with "s-win-", with any trailing '%' taken off, into GroupId (GROUP_ID_CHARS).
+  GroupId is empty on any failure.
+
+  @retval EFI_SUCCESS           GroupId holds the word.
+  @retval EFI_NOT_FOUND         There are no load options, or no word begins "s-win-".
+  @retval EFI_BUFFER_TOO_SMALL  The word has GROUP_ID_CHARS characters or more.
+  @retval EFI_OUT_OF_RESOURCES  No pool for a copy of the load options.
+**/
 EFI_STATUS
 GetGroupIdFromLoadOptions (
   IN  CONST EFI_LOADED_IMAGE_PROTOCOL  *LoadedImage,

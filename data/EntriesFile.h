@@ -16,6 +16,15 @@
 
 typedef CHAR16 ENTRY_NAME[VELMARO_NAME_CHARS];
 
+/**
+  Decodes Length hexadecimal digits of Line into Decoded (ENTRY_LINE_BYTES): each pair
+  gives one byte, bit-complemented, and a NUL follows. An odd last digit is ignored.
+
+  @retval EFI_SUCCESS           Decoded holds the line's bytes and a NUL.
+  @retval EFI_BAD_BUFFER_SIZE   The bytes and their NUL would not fit ENTRY_LINE_BYTES.
+  @retval EFI_COMPROMISED_DATA  A character is not a hexadecimal digit; Decoded is then
+                                unterminated.
+**/
 EFI_STATUS
 DecodeEntryLine (
   IN  CONST CHAR8  *Line,
@@ -23,7 +32,20 @@ DecodeEntryLine (
   OUT CHAR8        *Decoded
   );
 
-/** Fills Bcd, Src and Efi of the requested group; every other field stays zero. **/
+/**
+  Fills Bcd, Src and Efi of the requested group from the first line whose "ID:" token
+  names it; every other field stays zero. The first line that decodes is the header. A
+  damaged line after it is logged and passed over; one before it ends the lookup.
+
+  @retval EFI_SUCCESS           The group's line gives all three names.
+  @retval EFI_NOT_FOUND         No line names the group, or its line lacks one of the
+                                three names.
+  @retval EFI_COMPROMISED_DATA  The text holds no line, or its first line has a
+                                character that is not a hexadecimal digit.
+  @retval EFI_BAD_BUFFER_SIZE   The first line has an odd number of digits, or too many.
+  @retval EFI_BUFFER_TOO_SMALL  A name on the group's line has VELMARO_NAME_CHARS
+                                characters or more.
+**/
 EFI_STATUS
 LookupGroupInEntries (
   IN  CONST CHAR8  *Text,
@@ -31,6 +53,19 @@ LookupGroupInEntries (
   OUT GROUP_STATE  *State
   );
 
+/**
+  The distinct BCD names of all group lines, in the order they first appear, into
+  Names (ENTRY_BCD_NAMES_MAX entries). Damaged lines are treated as in
+  LookupGroupInEntries. *Count is 0 on any failure.
+
+  @retval EFI_SUCCESS           Names holds *Count names.
+  @retval EFI_NOT_FOUND         The text holds no line, or no group line names a BCD.
+  @retval EFI_COMPROMISED_DATA  The first line has a character that is not a
+                                hexadecimal digit.
+  @retval EFI_BAD_BUFFER_SIZE   The first line has an odd number of digits, or too many.
+  @retval EFI_BUFFER_TOO_SMALL  A BCD name has VELMARO_NAME_CHARS characters or more, or
+                                there are more than ENTRY_BCD_NAMES_MAX names.
+**/
 EFI_STATUS
 ListEntryBcdNames (
   IN  CONST CHAR8  *Text,

@@ -14,7 +14,19 @@
 
 // --- Boot sectors (PartitionIdentity.cpp) ----------------------------------------
 
-/** "%04x-%04x" of a FAT32 (or FAT12/16) volume serial number; Capacity at least 10. **/
+/**
+  "%04x-%04x" of a FAT32 (or FAT12/16) volume serial number, lower case, read from the
+  partition's boot sector. Uuid is empty on any failure.
+
+  @retval EFI_SUCCESS            Uuid holds the text, which is logged.
+  @retval EFI_INVALID_PARAMETER  Capacity is below 10.
+  @retval EFI_UNSUPPORTED        The boot sector carries no FAT signature, or the handle
+                                 has no Block I/O.
+  @retval EFI_NOT_READY          Block I/O shows no medium.
+  @retval EFI_BAD_BUFFER_SIZE    The medium's blocks are smaller than 512 bytes.
+  @retval EFI_OUT_OF_RESOURCES   No pool for the boot sector.
+  @retval other                  HandleProtocol (Block I/O) or ReadBlocks failed.
+**/
 EFI_STATUS
 ReadFat32Uuid (
   IN  EFI_HANDLE  Partition,
@@ -22,7 +34,19 @@ ReadFat32Uuid (
   IN  UINTN       Capacity
   );
 
-/** "%04x-%04x" of an exFAT volume serial number; Capacity at least 10. **/
+/**
+  "%04x-%04x" of an exFAT volume serial number, lower case, read from the partition's
+  boot sector. Uuid is empty on any failure.
+
+  @retval EFI_SUCCESS            Uuid holds the text, which is logged.
+  @retval EFI_INVALID_PARAMETER  Capacity is below 10.
+  @retval EFI_UNSUPPORTED        The boot sector carries no exFAT signature, or the handle
+                                 has no Block I/O.
+  @retval EFI_NOT_READY          Block I/O shows no medium.
+  @retval EFI_BAD_BUFFER_SIZE    The medium's blocks are smaller than 512 bytes.
+  @retval EFI_OUT_OF_RESOURCES   No pool for the boot sector.
+  @retval other                  HandleProtocol (Block I/O) or ReadBlocks failed.
+**/
 EFI_STATUS
 ReadExfatUuid (
   IN  EFI_HANDLE  Partition,
@@ -30,7 +54,20 @@ ReadExfatUuid (
   IN  UINTN       Capacity
   );
 
-/** "%016lx" of an NTFS volume serial number; Capacity at least 17. **/
+/**
+  "%016lx" of an NTFS volume serial number, lower case, read from the partition's boot
+  sector. Uuid is empty on any failure. With advanced diagnostics each firmware call's
+  answer is logged.
+
+  @retval EFI_SUCCESS            Uuid holds the text, which is logged.
+  @retval EFI_INVALID_PARAMETER  Capacity is below 17.
+  @retval EFI_UNSUPPORTED        The boot sector carries no NTFS signature, or the handle
+                                 has no Block I/O.
+  @retval EFI_NOT_READY          Block I/O shows no medium.
+  @retval EFI_BAD_BUFFER_SIZE    The medium's blocks are smaller than 512 bytes.
+  @retval EFI_OUT_OF_RESOURCES   No pool for the boot sector.
+  @retval other                  HandleProtocol (Block I/O) or ReadBlocks failed.
+**/
 EFI_STATUS
 ReadNtfsUuid (
   IN  EFI_HANDLE  Partition,
@@ -38,7 +75,20 @@ ReadNtfsUuid (
   IN  UINTN       Capacity
   );
 
-/** The first of the FAT32, exFAT and NTFS readers that succeeds. **/
+/**
+  The first of the FAT32, exFAT and NTFS readers that succeeds. On failure Uuid is
+  empty and the status is the NTFS reader's.
+
+  @retval EFI_SUCCESS            Uuid holds the partition's UUID text.
+  @retval EFI_INVALID_PARAMETER  Capacity is below 10, or below 17 on a partition that is
+                                 neither FAT nor exFAT.
+  @retval EFI_UNSUPPORTED        The boot sector carries none of the three signatures, or
+                                 the handle has no Block I/O.
+  @retval EFI_NOT_READY          Block I/O shows no medium.
+  @retval EFI_BAD_BUFFER_SIZE    The medium's blocks are smaller than 512 bytes.
+  @retval EFI_OUT_OF_RESOURCES   No pool for the boot sector.
+  @retval other                  HandleProtocol (Block I/O) or ReadBlocks failed.
+**/
 EFI_STATUS
 ReadVolumeUuid (
   IN  EFI_HANDLE  Partition,
@@ -46,7 +96,19 @@ ReadVolumeUuid (
   IN  UINTN       Capacity
   );
 
-/** "FAT32" (also for FAT12/16), "NTFS" or "exFAT"; Capacity at least 6. **/
+/**
+  "FAT32" (also for FAT12/16), "NTFS" or "exFAT", told from the partition's boot sector.
+  Name is empty on any failure.
+
+  @retval EFI_SUCCESS            Name holds the type name.
+  @retval EFI_INVALID_PARAMETER  Capacity is below 6.
+  @retval EFI_UNSUPPORTED        The boot sector carries none of the three signatures, or
+                                 the handle has no Block I/O.
+  @retval EFI_NOT_READY          Block I/O shows no medium.
+  @retval EFI_BAD_BUFFER_SIZE    The medium's blocks are smaller than 512 bytes.
+  @retval EFI_OUT_OF_RESOURCES   No pool for the boot sector.
+  @retval other                  HandleProtocol (Block I/O) or ReadBlocks failed.
+**/
 EFI_STATUS
 DetectFsType (
   IN  EFI_HANDLE  Partition,
@@ -88,8 +150,14 @@ SameDiskPrefix (
 
 // --- Names (FsNames.cpp) ---------------------------------------------------------
 
-/** Rewrites a type name of any letter case to "FAT32", "NTFS" or "exFAT";
-    another name is emptied with EFI_UNSUPPORTED. **/
+/**
+  Rewrites a type name of any letter case to "FAT32", "NTFS" or "exFAT". Name holds
+  VELMARO_FS_CHARS characters.
+
+  @retval EFI_SUCCESS            Name is one of the three spellings.
+  @retval EFI_UNSUPPORTED        Another name; Name is emptied.
+  @retval EFI_INVALID_PARAMETER  Name is empty.
+**/
 EFI_STATUS
 NormalizeFsName (
   IN OUT CHAR16  *Name
@@ -102,7 +170,14 @@ FsNameEquals (
   IN CONST CHAR16  *Second
   );
 
-/** The UUID before ".uuid" in a marker file name; empty (with success) for any other name. **/
+/**
+  The UUID before ".uuid" (case-sensitive) in a marker file name, into Uuid
+  (UUID_TEXT_CHARS characters).
+
+  @retval EFI_SUCCESS           Uuid holds the UUID, or is empty for any other name.
+  @retval EFI_BUFFER_TOO_SMALL  The text before ".uuid" has UUID_TEXT_CHARS characters or
+                                more; Uuid is empty.
+**/
 EFI_STATUS
 UuidFromMarkerName (
   OUT CHAR16        *Uuid,

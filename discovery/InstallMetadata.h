@@ -47,11 +47,17 @@ FindInBuffer (
   IN CONST CHAR8  *Needle
   );
 
-/** The text of the block's element Name, trimmed and widened into Destination
-    (Capacity characters, NUL included); Destination is empty on any failure.
-    EFI_NOT_FOUND: no "<Name>"; EFI_COMPROMISED_DATA: no "</Name>" after it;
-    EFI_BUFFER_TOO_SMALL: XML_ELEMENT_BYTES bytes or more between the tags, or more
-    than Destination holds. **/
+/**
+  The text of the block's first element Name, trimmed and widened into Destination
+  (Capacity characters, NUL included); Destination is empty on any failure.
+
+  @retval EFI_SUCCESS            Destination holds the text; it may be empty.
+  @retval EFI_NOT_FOUND          The block has no "<Name>".
+  @retval EFI_COMPROMISED_DATA   No "</Name>" follows it in the block.
+  @retval EFI_BUFFER_TOO_SMALL   XML_ELEMENT_BYTES bytes or more between the tags, or more
+                                 than Destination holds.
+  @retval EFI_INVALID_PARAMETER  Name is empty or longer than 28 characters.
+**/
 EFI_STATUS
 ReadXmlElement (
   IN  CONST SOFTWARE_BLOCK  *Block,
@@ -82,10 +88,23 @@ IsWindowsDerBlock (
 
 // --- Lookups -----------------------------------------------------------------------
 
-/** The source filesystem (Fs, VELMARO_FS_CHARS) and partition UUID (Uuid,
-    UUID_TEXT_CHARS) of the group's Windows image on a second partition.
-    EFI_NOT_FOUND when no image qualifies; a group whose image does not qualify keeps
-    the legacy FAT32 layout. **/
+/**
+  The source filesystem (Fs, VELMARO_FS_CHARS, normalized) and partition UUID (Uuid,
+  UUID_TEXT_CHARS) of the group's Windows image on a second partition. A group whose
+  image does not qualify keeps the legacy FAT32 layout. Both are emptied first; a
+  failure reading UUID leaves Fs filled.
+
+  @retval EFI_SUCCESS            Fs and Uuid are set, and logged.
+  @retval EFI_NOT_FOUND          No image in the file qualifies; or no block carries the
+                                 group's ID, its image does not qualify or its block has
+                                 no FS or UUID element; or software.xml is absent.
+  @retval EFI_COMPROMISED_DATA   A "<software" that nothing closes comes before the block
+                                 sought, or the FS or UUID element is not closed.
+  @retval EFI_UNSUPPORTED        FS names another filesystem.
+  @retval EFI_INVALID_PARAMETER  FS is empty.
+  @retval EFI_BUFFER_TOO_SMALL   FS or UUID is too long for its field.
+  @retval other                  Reading software.xml failed.
+**/
 EFI_STATUS
 LookupSourceMetadata (
   IN  EFI_FILE_PROTOCOL  *Root,
@@ -94,9 +113,20 @@ LookupSourceMetadata (
   OUT CHAR16             *Uuid
   );
 
-/** Bcd, Src and Efi of the group's block (Efi without a leading "efi\" or "efi/").
-    The rest of *State is zeroed once the block is found; a failed element leaves the
-    ones read before it. **/
+/**
+  Bcd, Src and Efi of the group's block (Efi without a leading "efi\" or "efi/").
+  *State is untouched until the block is found; then the rest of it is zeroed, and a
+  failed element leaves the ones read before it. An element present but empty gives an
+  empty name.
+
+  @retval EFI_SUCCESS           The three names are read.
+  @retval EFI_NOT_FOUND         No block carries the group's ID, its block lacks BCD, SRC
+                                or EFI, or software.xml is absent.
+  @retval EFI_COMPROMISED_DATA  A "<software" that nothing closes comes before the
+                                group's block, or one of its elements is not closed.
+  @retval EFI_BUFFER_TOO_SMALL  An element has XML_ELEMENT_BYTES bytes or more.
+  @retval other                 Reading software.xml failed.
+**/
 EFI_STATUS
 LookupGroupNames (
   IN  EFI_FILE_PROTOCOL  *Root,
@@ -104,9 +134,21 @@ LookupGroupNames (
   OUT GROUP_STATE        *State
   );
 
-/** The BCD name (VELMARO_NAME_CHARS) of the Windows images whose BCD_MD5 is Digest.
-    EFI_NO_MAPPING when two of them name different BCD stores; Name is empty on every
-    failure. **/
+/**
+  The BCD name (VELMARO_NAME_CHARS) of the Windows images whose BCD_MD5 is Digest, in
+  either letter case. Every Windows block is looked at; Name is empty on every failure.
+
+  @retval EFI_SUCCESS           Name holds the one BCD name those images give.
+  @retval EFI_NOT_FOUND         Digest is empty, no Windows image carries it, a matching
+                                image has no BCD element, or software.xml is absent.
+  @retval EFI_NO_MAPPING        Two of them name different BCD stores.
+  @retval EFI_COMPROMISED_DATA  A "<software" that nothing closes, or a BCD_MD5 or BCD
+                                element of a Windows block that is not closed.
+  @retval EFI_BUFFER_TOO_SMALL  Digest, or a Windows block's BCD_MD5, has more than 32
+                                characters or one that is not ASCII; or an element read
+                                has XML_ELEMENT_BYTES bytes or more.
+  @retval other                 Reading software.xml failed.
+**/
 EFI_STATUS
 LookupBcdNameByMd5 (
   IN  EFI_FILE_PROTOCOL  *Root,
@@ -114,8 +156,19 @@ LookupBcdNameByMd5 (
   OUT CHAR16             *Name
   );
 
-/** The filesystem type FS.txt gives for the partition UUID, normalized, into Fs
-    (VELMARO_FS_CHARS). EFI_NOT_FOUND when no line names the UUID. **/
+/**
+  The filesystem type FS.txt gives for the partition UUID, normalized, into Fs
+  (VELMARO_FS_CHARS). A line is "<type>|<UUID>"; the first whose UUID equals Uuid, in
+  either letter case, counts. Fs is empty on any failure.
+
+  @retval EFI_SUCCESS            Fs holds the type, which is logged.
+  @retval EFI_NOT_FOUND          No line names the UUID, or FS.txt is absent.
+  @retval EFI_UNSUPPORTED        The line names another filesystem.
+  @retval EFI_INVALID_PARAMETER  Uuid is empty, or the line's type is.
+  @retval EFI_BUFFER_TOO_SMALL   Uuid is too long or not ASCII, or the line's type is too
+                                 long for Fs.
+  @retval other                  Reading FS.txt failed.
+**/
 EFI_STATUS
 LookupFsTxt (
   IN  EFI_FILE_PROTOCOL  *Root,

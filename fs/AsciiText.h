@@ -14,8 +14,13 @@ TrimAsciiSpace (
   IN OUT CHAR8  *Text
   );
 
-/** Widens Source into Destination. EFI_BUFFER_TOO_SMALL when Source and its NUL do not
-    fit in Capacity characters; Destination is then the empty string, never a cut copy. **/
+/**
+  Widens Source into Destination.
+
+  @retval EFI_SUCCESS           Destination holds the whole text.
+  @retval EFI_BUFFER_TOO_SMALL  Source and its NUL do not fit in Capacity characters;
+                                Destination is then the empty string, never a cut copy.
+**/
 EFI_STATUS
 AsciiToChar16 (
   OUT CHAR16       *Destination,
@@ -25,6 +30,14 @@ AsciiToChar16 (
 
 #define LEAF_NAME_CHARS  128
 
+/**
+  The leaf of Path (what follows its last "\" or "/"), trimmed of blanks and line ends
+  and widened into Destination (LEAF_NAME_CHARS characters).
+
+  @retval EFI_SUCCESS           Destination holds the trimmed leaf.
+  @retval EFI_BUFFER_TOO_SMALL  The leaf, measured before trimming, has LEAF_NAME_CHARS
+                                characters or more; Destination is left as it was.
+**/
 EFI_STATUS
 AsciiLeafNameToChar16 (
   OUT CHAR16       *Destination,
@@ -65,15 +78,28 @@ HasTxtSuffix (
   IN CONST CHAR16  *Name
   );
 
+/**
+  Name without its last four characters (the ".txt" callers have tested with
+  HasTxtSuffix), narrowed into Destination (VELMARO_NAME_CHARS bytes).
+
+  @retval EFI_SUCCESS           Destination holds the name's stem.
+  @retval EFI_BUFFER_TOO_SMALL  Name has fewer than 5 or more than 131 characters, or its
+                                stem a character of 128 or more; what was copied then
+                                stays, unterminated.
+**/
 EFI_STATUS
 TxtNameToAscii (
   OUT CHAR8         *Destination,
   IN  CONST CHAR16  *Name
   );
 
-/** Narrows Text into Destination (Size bytes). EFI_BUFFER_TOO_SMALL for a character of 128
-    or more, or when the text and its NUL do not fit; what was copied then stays,
-    unterminated. **/
+/**
+  Narrows Text into Destination (Size bytes).
+
+  @retval EFI_SUCCESS           Destination holds the whole text.
+  @retval EFI_BUFFER_TOO_SMALL  A character of 128 or more, or the text and its NUL do
+                                not fit; what was copied then stays, unterminated.
+**/
 EFI_STATUS
 NarrowToAscii (
   OUT CHAR8         *Destination,

@@ -53,8 +53,15 @@ Md5DigestToText (
   OUT CHAR16       *Text
   );
 
-/** Digest text of a whole file, read in MD5_READ_CHUNK pieces. Digest is written only
-    on EFI_SUCCESS; a failing Open or Read is returned as it is. **/
+/**
+  Digest text of a whole file, read in MD5_READ_CHUNK pieces. Digest is written only
+  on EFI_SUCCESS.
+
+  @retval EFI_SUCCESS       Digest holds the file's digest text.
+  @retval EFI_NOT_FOUND     Path is absent.
+  @retval EFI_DEVICE_ERROR  A Read reports more bytes than the chunk holds.
+  @retval other             Open or Read failed.
+**/
 EFI_STATUS
 Md5OfFile (
   IN  EFI_FILE_PROTOCOL  *Root,
@@ -62,18 +69,29 @@ Md5OfFile (
   OUT CHAR16             *Digest
   );
 
-/** Digest text from ASCII: blanks (space, TAB) first, then exactly 32 hexadecimal
-    digits followed by the end of the text, a blank or a line end. Anything else is
-    EFI_COMPROMISED_DATA and an empty Digest. **/
+/**
+  Digest text from ASCII: blanks (space, TAB) first, then exactly 32 hexadecimal
+  digits of either case followed by the end of the text, a blank or a line end.
+
+  @retval EFI_SUCCESS           Digest holds the 32 digits in lower case.
+  @retval EFI_COMPROMISED_DATA  Anything else; Digest is empty.
+**/
 EFI_STATUS
 ParseMd5Text (
   OUT CHAR16       *Digest,
   IN  CONST CHAR8  *Text
   );
 
-/** Digest after Key on the first line that starts with Key (case-sensitive).
-    EFI_NOT_FOUND without such a line; a malformed digest on it is EFI_COMPROMISED_DATA,
-    whatever later lines hold. **/
+/**
+  Digest after Key on the first line that starts with Key (case-sensitive), read as
+  ParseMd5Text reads it. Digest is empty on any failure.
+
+  @retval EFI_SUCCESS           Digest holds the line's digest.
+  @retval EFI_NOT_FOUND         No line starts with Key.
+  @retval EFI_COMPROMISED_DATA  The first such line carries a malformed digest, whatever
+                                later lines hold.
+  @retval EFI_INVALID_PARAMETER Key is empty.
+**/
 EFI_STATUS
 FindMd5ByKey (
   OUT CHAR16       *Digest,
@@ -81,8 +99,16 @@ FindMd5ByKey (
   IN  CONST CHAR8  *Key
   );
 
-/** Digest text from a file holding one digest; only its first MD5_FILE_READ_MAX bytes
-    are looked at. **/
+/**
+  Digest text from a file holding one digest, read as ParseMd5Text reads it; only its
+  first MD5_FILE_READ_MAX bytes are looked at. Digest is empty on any failure.
+
+  @retval EFI_SUCCESS           Digest holds the file's digest.
+  @retval EFI_NOT_FOUND         Path is absent.
+  @retval EFI_COMPROMISED_DATA  The file does not begin with a well-formed digest.
+  @retval EFI_DEVICE_ERROR      Read reports more bytes than were asked for.
+  @retval other                 Open or Read failed.
+**/
 EFI_STATUS
 ReadMd5File (
   IN  EFI_FILE_PROTOCOL  *Root,
@@ -100,8 +126,16 @@ HasBcdEfiMd5 (
   IN CONST GROUP_STATE  *State
   );
 
-/** EFI_SUCCESS when the file's digest equals State->BcdMd5, EFI_COMPROMISED_DATA when
-    it differs, EFI_NOT_FOUND when the state holds no digest to compare with. **/
+/**
+  Compares the digest of the file at Path with State->BcdMd5.
+
+  @retval EFI_SUCCESS           The file's digest equals State->BcdMd5.
+  @retval EFI_COMPROMISED_DATA  It differs.
+  @retval EFI_NOT_FOUND         The state holds no digest to compare with, or Path is
+                                absent.
+  @retval EFI_DEVICE_ERROR      A Read reports more bytes than were asked for.
+  @retval other                 Open or Read failed.
+**/
 EFI_STATUS
 FileMatchesBcdMd5 (
   IN EFI_FILE_PROTOCOL  *Root,

@@ -19,9 +19,17 @@
 #define DIR_ENTRY_PATH_CHARS 224
 #define COPY_CHUNK_BYTES     4096
 
-/** EFI_SUCCESS only when, on a fresh root, Source is gone and Destination opens. A
-    path in FileName refused by the driver is retried with the leaf name (a rename
-    within the same folder). A failed rename is not undone. **/
+/**
+  Renames Source to Destination through SetInfo and proves it on a freshly opened root.
+  A path in FileName refused by the driver (EFI_INVALID_PARAMETER) is retried with the
+  leaf name (a rename within the same folder). A failed rename is not undone.
+
+  @retval EFI_SUCCESS       On a fresh root, Source is gone and Destination opens.
+  @retval EFI_DEVICE_ERROR  The rename was accepted, but the fresh root still finds
+                            Source (or cannot tell), or does not open Destination.
+  @retval other             Opening Source, reading its information, the rename itself
+                            or reopening the root failed.
+**/
 EFI_STATUS
 RenameVerified (
   IN EFI_HANDLE         Volume,
@@ -48,8 +56,17 @@ MakeRoomAt (
   IN CONST CHAR16       *Path
   );
 
-/** Renames Path to Path + ".bak". An older entry of that name is first kept under a
-    numbered name (MakeRoomAt), never deleted. **/
+/**
+  Renames Path to Path + ".bak", verified. An older entry of that name is first kept
+  under a numbered name (MakeRoomAt), never deleted.
+
+  @retval EFI_SUCCESS           Path now carries its ".bak" name.
+  @retval EFI_BUFFER_TOO_SMALL  Path is longer than BAK_PATH_MAX_CHARS; nothing changed.
+  @retval EFI_ALREADY_STARTED   An older ".bak" is in the way and all 99 numbered names
+                                are taken; nothing changed.
+  @retval EFI_DEVICE_ERROR      A rename was not confirmed on a fresh root.
+  @retval other                 An existence test or a rename failed.
+**/
 EFI_STATUS
 MoveAsideToBak (
   IN EFI_HANDLE         Volume,
@@ -61,8 +78,11 @@ MoveAsideToBak (
   Copies Source into a new Destination in 4096-byte chunks and flushes it. A failed copy
   leaves a partial destination; callers prove content by digest.
 
+  @retval EFI_SUCCESS        Every chunk was written in full.
   @retval EFI_ACCESS_DENIED  Destination already holds bytes; it is left untouched.
   @retval EFI_DEVICE_ERROR   A write failed or came up short.
+  @retval other              Opening Source, creating Destination, reading
+                             Destination's information or a read of Source failed.
 **/
 EFI_STATUS
 CopyFileVerified (
@@ -71,8 +91,17 @@ CopyFileVerified (
   IN CONST CHAR16       *Destination
   );
 
-/** Finds Name in Directory without regard to the case of a-z and gives back
-    Directory + "\" + the name as stored. **/
+/**
+  Finds Name in Directory without regard to the case of a-z and gives back, in Path
+  (DIR_ENTRY_PATH_CHARS), Directory + "\" + the name as stored. Path is empty on failure.
+
+  @retval EFI_SUCCESS           Path holds the entry's path.
+  @retval EFI_NOT_FOUND         No entry of Directory has that name.
+  @retval EFI_BUFFER_TOO_SMALL  The path would not fit DIR_ENTRY_PATH_CHARS.
+  @retval EFI_OUT_OF_RESOURCES  No pool for a directory entry.
+  @retval other                 Opening Directory (EFI_NOT_FOUND when it is absent) or
+                                reading an entry failed.
+**/
 EFI_STATUS
 FindDirEntryPath (
   IN  EFI_FILE_PROTOCOL  *Root,
