@@ -27,6 +27,7 @@
 #include <Protocol/DriverDiagnostics2.h>
 #include <Protocol/UnicodeCollation.h>
 #include <Protocol/Shell.h>
+#include <Protocol/EfiShellInterface.h>
 #include <Protocol/EfiShellEnvironment2.h>
 
 EFI_GUID  gEfiFileInfoGuid                        = EFI_FILE_INFO_ID;
