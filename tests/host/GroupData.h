@@ -69,7 +69,10 @@ inline VolumeSnapshot Tree (const VolumeSnapshot &snapshot, const std::string &f
   auto           it = snapshot.find (folder);
   if (it == snapshot.end () || it->second != "<dir>") return tree;
   tree[""] = "<dir>";
-  for (++it; it != snapshot.end () && it->first.rfind (folder + "\\", 0) == 0; ++it) tree[it->first.substr (folder.size ())] = it->second;
+  // Entries below the folder sort together, but after siblings such as "<folder>.bak".
+  for (it = snapshot.lower_bound (folder + "\\"); it != snapshot.end () && it->first.rfind (folder + "\\", 0) == 0; ++it) {
+    tree[it->first.substr (folder.size ())] = it->second;
+  }
   return tree;
 }
 

@@ -26,6 +26,7 @@ class GroupDataTest : public StickTest {
     boot.Put ("\\grp_b\\install.wim", "image b");
     boot.Put ("\\efi\\efi_b\\s-win-b.txt", "");
     boot.Put ("\\boot\\BCD_BAK", "kept store");
+    boot.Put ("\\grp_b.bak\\notes.txt", "notes put aside");   // sorts between \grp_b and its entries
     before = boot.Snapshot ();
   }
 
@@ -83,6 +84,7 @@ TEST_F (GroupDataTest, EveryWayOfLosingDataFailsTheCheck) {
       [](fake::Volume &v) { v.Remove ("\\boot\\bcd_b"); v.Put ("\\boot\\other", "store b and more"); } },
     { "empty marker lost while another has its name",
       [](fake::Volume &v) { v.Remove ("\\grp_b\\s-win-b.txt"); v.Put ("\\boot\\s-win-b.txt", ""); } },
+    { "marker lost from a folder with a side name", [](fake::Volume &v) { v.Remove ("\\grp_b\\s-win-b.txt"); } },
     { "empty folder of a source folder lost", [](fake::Volume &v) { v.Remove ("\\sources\\empty"); } },
     { "store under a name that is no group's", [](fake::Volume &v) { v.Put ("\\boot\\bcd_x", "store b"); v.Remove ("\\boot\\bcd_b"); } },
     { "kept store deleted", [](fake::Volume &v) { v.Remove ("\\boot\\BCD_BAK"); } },

@@ -1,0 +1,287 @@
+// Moving a stick from one active group to another on its FAT32 boot volume: the active
+// group gets its names back, the requested one takes the active names, and whatever stands
+// in the way is put back with its owner or aside. Judged by the volume afterwards.
+#include "GroupData.h"
+
+#include <activation/RecoveryPhase.h>
+#include <activation/RenewalPhase.h>
+#include <discovery/FsIdentification.h>
+#include <fs/VerifiedChange.h>
+
+namespace {
+
+const std::vector<GroupNames> kGroups = { { "bcd_a", "grp_a", "efi_a", "s-win-a" }, { "bcd_b", "grp_b", "efi_b", "s-win-b" },
+                                          { "bcd_c", "grp_c", "efi_c", "s-win-c" } };
+
+std::string StoreOf (const GroupNames &g) { return "store of " + g.id; }
+
+// The volume's content apart from the log, which every run writes.
+VolumeSnapshot Content (const fake::Volume &v) {
+  VolumeSnapshot content = v.Snapshot ();
+  content.erase ("\\velmaro_log.txt");
+  return content;
+}
+
+// Group a is active on the boot volume; b and c wait under their own names. The state
+// file's record of a names the boot volume's partition.
+class PhaseTest : public HostTest {
+ protected:
+  ACTIVATION_CONTEXT context = {};
+  std::string        entries = EncodeEntriesFile ({ "ID:s-win-a BCD:bcd_a SRC:grp_a EFI:efi_a", "ID:s-win-b BCD:bcd_b SRC:grp_b EFI:efi_b",
+                                                    "ID:s-win-c BCD:bcd_c SRC:grp_c EFI:efi_c" });
+  std::string        uuid;
+
+  void SetUp () override {
+    fw.AddBlockIo (boot.Handle (), fake::BootSectorImage ("fat32"));
+    fw.SetDevicePath (boot.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 1, 0x5EED));
+    uuid = Lower (fake::BlkidUuid ("fat32"));
+    for (const GroupNames &g : kGroups) PutGroup (boot, g, &g == &kGroups[0]);
+    OpenBoot (true);
+    context.BootHandle  = boot.Handle ();
+    context.BootRoot    = root;
+    context.EntriesText = reinterpret_cast<CHAR8 *>(entries.data ());
+    context.ImageHandle = fw.image;
+    context.Current     = State ("bcd_a", "grp_a", "efi_a", uuid, "FAT32");
+  }
+
+  // A record as the stick was prepared with it: the group, its folder and its store's digest.
+  static std::string Record (const GroupNames &g) { return "ID|" + g.id + "\r\nSRC|" + g.src + "\r\nBCD_MD5|" + Md5Hex (StoreOf (g)) + "\r\n"; }
+
+  static void PutGroup (fake::Volume &v, const GroupNames &g, bool active) {
+    const std::string store = active ? "\\boot\\BCD" : "\\boot\\" + g.bcd, src = active ? "\\sources" : "\\" + g.src;
+    const std::string efi   = active ? "\\efi\\microsoft" : "\\efi\\" + g.efi;
+    v.Put (store, StoreOf (g));
+    v.Put ("\\boot\\backup\\" + g.bcd, StoreOf (g));
+    v.Put ("\\boot\\backup\\" + g.bcd + ".md5", Md5Hex (StoreOf (g)) + "\r\n");
+    v.Put (src + "\\" + g.id + ".txt", "");
+    v.Put (src + "\\recovery.txt", Record (g));
+    v.Put (src + "\\install.wim", "image of " + g.id);
+    v.Put (efi + "\\" + g.id + ".txt", "");
+    v.Put (efi + "\\boot\\bootmgfw.efi", "boot manager of " + g.id);
+  }
+
+  EFI_STATUS Recover () { return RunRecoveryPhase (&context, context.EntriesText); }
+
+  // Runs body on a fresh copy of image mounted as the stick's boot volume (the log stays
+  // on the first one), so that table rows do not see each other's changes.
+  template <typename F> void OnCopy (const fake::Disk &image, F body) {
+    fake::Volume &v = fw.AddVolume (image);
+    fw.AddBlockIo (v.Handle (), fake::BootSectorImage ("fat32"));
+    fw.SetDevicePath (v.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 1, 0x5EED));
+    EFI_FILE_PROTOCOL *r = nullptr;
+    ASSERT_EQ (OpenRoot (v.Handle (), &r), EFI_SUCCESS);
+    context.BootHandle = v.Handle (), context.BootRoot = r;
+    body (v, r);
+    r->Close (r);
+    context.BootHandle = boot.Handle (), context.BootRoot = root;
+  }
+
+  EFI_STATUS RenewOn (fake::Volume &v, EFI_FILE_PROTOCOL *r, const char *id, const std::vector<fake::Fault> &faults = {}) {
+    SetField (context.GroupId, id);
+    EFI_STATUS st = RebuildRequestedState (r, context.EntriesText, A (id), &context.Requested);
+    if (!EFI_ERROR (st)) st = VerifySourceFsAtomic (v.Handle (), &context.Requested);
+    for (const fake::Fault &f : faults) fw.faults.Add (f);
+    if (!EFI_ERROR (st)) st = RunRenewalRenames (fw.image, v.Handle (), r, &context, &context.Requested);
+    fw.faults.Reset ();
+    return st;
+  }
+
+  // The renewal as the run makes it: the requested state, the volume, the renames.
+  EFI_STATUS Renew (const char *id) { return RenewOn (boot, root, id); }
+
+  void ExpectActive (const GroupNames &g) {
+    EXPECT_EQ (boot.Get ("\\boot\\BCD"), StoreOf (g));
+    EXPECT_TRUE (boot.Exists ("\\sources\\" + g.id + ".txt")) << g.id;
+    EXPECT_TRUE (boot.Exists ("\\efi\\microsoft\\" + g.id + ".txt")) << g.id;
+  }
+
+  void ExpectInactive (const GroupNames &g) {
+    EXPECT_EQ (boot.Get ("\\boot\\" + g.bcd), StoreOf (g));
+    EXPECT_TRUE (boot.Exists ("\\" + g.src + "\\" + g.id + ".txt")) << g.id;
+    EXPECT_TRUE (boot.Exists ("\\efi\\" + g.efi + "\\" + g.id + ".txt")) << g.id;
+  }
+};
+
+TEST_F (PhaseTest, SwitchGivesTheActiveGroupItsNamesBackAndTheRequestedOneTheActiveNames) {
+  const auto before = boot.Snapshot ();
+  ASSERT_EQ (Recover (), EFI_SUCCESS);
+  ExpectInactive (kGroups[0]);
+  std::vector<std::string> lines = Lines (LogText ());
+  for (const char *line : { "Ripristino atomico: uso solo partizione corrente SRC_FS=FAT32 SRC_PART=", "recovery BCD: BCD=bcd_a OK",
+                            "recovery SRC: SRC=grp_a OK", "recovery EFI: EFI=efi_a OK" }) {
+    EXPECT_TRUE (std::any_of (lines.begin (), lines.end (), [&](const std::string &l) { return l.rfind (line, 0) == 0; })) << line;
+  }
+
+  // On a stick already restored every step finds nothing of the group under the active names.
+  const auto restored = Content (boot);
+  ASSERT_EQ (Recover (), EFI_SUCCESS);
+  EXPECT_EQ (Content (boot), restored);
+  EXPECT_TRUE (Has (LogText (), "] recovery BCD: BCD=(unknown) SKIP (not active)\r\n"));
+  EXPECT_TRUE (Has (LogText (), "] recovery SRC: SRC=(unknown) SKIP (not active)\r\n"));
+  EXPECT_TRUE (Has (LogText (), "] recovery EFI: EFI=(unknown) SKIP (not active)\r\n"));
+
+  ASSERT_EQ (Renew ("s-win-b"), EFI_SUCCESS);
+  ExpectActive (kGroups[1]);
+  ExpectInactive (kGroups[0]);
+  ExpectInactive (kGroups[2]);
+  ExpectNoGroupDataLost (before, boot, kGroups);
+  const std::string log = Log ();
+  EXPECT_TRUE (Has (log, "] Fase rinomina: SOURCE_FS atomico verificato SRC_FS=FAT32 SRC_PART=" + uuid + "\r\n"));
+  EXPECT_TRUE (Has (log, "] Fase rinomina: eseguiti solo BCD/SRC/EFI su SOURCE_FS\r\n"));
+}
+
+// Recovery of group a on one volume, from what is found under the active names.
+TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
+  const struct {
+    const char                                 *name;
+    std::function<void (fake::Volume &)>       arrange;
+    EFI_STATUS                                 status;
+    std::vector<std::pair<std::string, std::string>> after;   // path -> bytes ("" only exists, "-" absent)
+    const char                                 *line;
+  } rows[] = {
+    { "duplicate source folder goes aside", [](fake::Volume &v) { v.Put ("\\grp_a\\s-win-a.txt", ""); v.Put ("\\sources.bak\\old", "o"); },
+      EFI_SUCCESS, { { "\\sources.bak\\s-win-a.txt", "" }, { "\\sources.bak1\\old", "o" }, { "\\grp_a\\s-win-a.txt", "" } }, nullptr },
+    { "group name holds another group", [](fake::Volume &v) { v.Put ("\\grp_a\\s-win-c.txt", ""); },
+      EFI_SUCCESS, { { "\\sources\\s-win-a.txt", "" }, { "\\grp_a\\s-win-c.txt", "" } },
+      "Recovery SRC: destinazione \\grp_a non coincide con current state: Success (0x0)" },
+    { "active folder holds another group", [](fake::Volume &v) { v.Remove ("\\sources\\s-win-a.txt"); v.Put ("\\sources\\s-win-c.txt", ""); },
+      EFI_SUCCESS, { { "\\sources\\s-win-c.txt", "" }, { "\\grp_a", "-" } }, "Recovery SRC: stato marker in \\sources non coincide con current state" },
+    { "group store name taken by another digest", [](fake::Volume &v) { v.Put ("\\boot\\bcd_a", "store of nobody"); },
+      EFI_COMPROMISED_DATA, { { "\\boot\\BCD", "store of s-win-a" }, { "\\sources\\s-win-a.txt", "" } },
+      "recovery BCD: BCD=bcd_a KO Compromised Data (0x8000000000000021)" },
+    { "wrong active store, good backup", [](fake::Volume &v) { v.Put ("\\boot\\BCD", "store of nobody"); },
+      EFI_SUCCESS, { { "\\boot\\BCD", "store of nobody" }, { "\\boot\\bcd_a", "store of s-win-a" } }, "recovery BCD: BCD=bcd_a OK" },
+    { "record of another partition", [](fake::Volume &v) { v.Put ("\\sources\\recovery.txt", Record (kGroups[0]) + "SRC_PART|1234-abcd\r\n"); },
+      EFI_SUCCESS, { { "\\boot\\BCD", "store of s-win-a" }, { "\\boot\\bcd_a", "-" } }, "recovery BCD: BCD=(unknown) SKIP (not active)" },
+  };
+  const fake::Disk pristine = boot.DiskImage ();
+  for (const auto &row : rows) {
+    SCOPED_TRACE (row.name);
+    OnCopy (pristine, [&](fake::Volume &v, EFI_FILE_PROTOCOL *) {
+      row.arrange (v);
+      const auto before = v.Snapshot ();
+      EXPECT_EQ (Recover (), row.status);
+      for (const auto &[path, bytes] : row.after) {
+        if (bytes == "-") EXPECT_FALSE (v.Exists (path)) << path;
+        else if (bytes.empty ()) EXPECT_TRUE (v.Exists (path)) << path;
+        else EXPECT_EQ (v.Get (path), bytes) << path;
+      }
+      if (row.line != nullptr) EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
+      ExpectNoGroupDataLost (before, v, kGroups);
+    });
+  }
+}
+
+TEST_F (PhaseTest, RecordedPartitionThatIsNowhereChangesNothing) {
+  SetField (context.Current.SrcPart, "0000-0000");
+  const auto before = Content (boot);
+  EXPECT_EQ (Recover (), EFI_NOT_FOUND);
+  EXPECT_EQ (Content (boot), before);
+  EXPECT_TRUE (Has (Log (), "] ERRORE: partizione corrente non aperta per ripristino atomico SRC_PART=0000-0000: Not Found (0x800000000000000E)\r\n"));
+}
+
+TEST_F (PhaseTest, WithoutRecordedPartitionBootVolumeAndEverySiblingAreRestored) {
+  // Two more partitions of the same stick, each holding group a's pieces under the
+  // active names; a volume of another disk is not touched.
+  fake::Volume *siblings[2] = { &fw.AddVolume (), &fw.AddVolume () };
+  fake::Volume &other = fw.AddVolume ();
+  for (int i = 0; i < 2; ++i) {
+    fw.SetDevicePath (siblings[i]->Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 2 + i, 0x5EED));
+    PutGroup (*siblings[i], kGroups[0], true);
+  }
+  fw.SetDevicePath (other.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (2), 2, 0x7777));
+  PutGroup (other, kGroups[0], true);
+  SetField (context.Current.SrcPart, "");
+
+  ASSERT_EQ (Recover (), EFI_SUCCESS);
+  for (fake::Volume *v : { &boot, siblings[0], siblings[1] }) EXPECT_TRUE (v->Exists ("\\grp_a\\s-win-a.txt"));
+  EXPECT_TRUE (other.Exists ("\\sources\\s-win-a.txt"));
+  EXPECT_TRUE (Has (Log (), "] Ripristino atomico: SRC_PART corrente assente, uso recovery legacy su partizioni visibili\r\n"));
+}
+
+// What stands under an active name the requested group needs.
+TEST_F (PhaseTest, RenewalPutsWhatBlocksTheActiveNamesWithItsOwnerOrAside) {
+  const struct {
+    const char                               *name;
+    std::function<void (fake::Volume &)>     arrange;
+    EFI_STATUS                               status;
+    const char                               *where;   // where group c's (or nobody's) folder ends
+    const char                               *line;
+  } rows[] = {
+    { "another valid group", [](fake::Volume &v) { v.Put ("\\sources\\s-win-c.txt", ""); v.Remove ("\\grp_c\\s-win-c.txt"); v.Remove ("\\grp_c\\recovery.txt"); v.Remove ("\\grp_c\\install.wim"); v.Remove ("\\grp_c"); },
+      EFI_SUCCESS, "\\grp_c\\s-win-c.txt", "Fase rinomina: destinazione \\sources contiene ID diverso valido s-win-c, normalizzo in \\grp_c" },
+    { "nobody's, older side name kept", [](fake::Volume &v) { v.Put ("\\sources\\notes.txt", "n"); v.Put ("\\sources.bak\\old", "o"); },
+      EFI_SUCCESS, "\\sources.bak\\notes.txt", "Destinazione \\sources non attribuibile/coerente, sposto in .bak: Not Found (0x800000000000000E)" },
+    { "another group whose own name is taken", [](fake::Volume &v) { v.Put ("\\sources\\s-win-c.txt", ""); },
+      EFI_ALREADY_STARTED, "\\sources\\s-win-c.txt", "ERRORE: fase rinomina, destinazione originale gia presente per ID s-win-c: \\grp_c" },
+  };
+  // Group a restored first, as the run does; b is requested.
+  ASSERT_EQ (Recover (), EFI_SUCCESS);
+  const fake::Disk restored = boot.DiskImage ();
+  for (const auto &row : rows) {
+    SCOPED_TRACE (row.name);
+    OnCopy (restored, [&](fake::Volume &v, EFI_FILE_PROTOCOL *r) {
+      row.arrange (v);
+      const auto before = v.Snapshot ();
+      EXPECT_EQ (RenewOn (v, r, "s-win-b"), row.status);
+      EXPECT_TRUE (v.Exists (row.where)) << row.where;
+      EXPECT_EQ (v.Exists ("\\grp_b\\s-win-b.txt"), row.status != EFI_SUCCESS) << "group b moved only on success";
+      EXPECT_EQ (v.Exists ("\\boot\\bcd_b"), row.status != EFI_SUCCESS);
+      EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
+      ExpectNoGroupDataLost (before, v, kGroups);
+    });
+  }
+}
+
+// A rename that fails undoes this run's earlier ones, SRC before BCD; a piece that was
+// active before is never touched; a rollback that fails is reported and the next one runs.
+TEST_F (PhaseTest, FailedRenameIsRolledBackInReverseOrder) {
+  const EFI_STATUS denied = EFI_ACCESS_DENIED;
+  const struct {
+    const char                *name;
+    std::vector<fake::Fault>  faults;
+    bool                      storeActiveBefore;
+    std::vector<const char *> active, inactive;   // paths that must exist afterwards
+    const char                *line;
+  } rows[] = {
+    { "EFI fails", { { Op::SetInfo, denied, 1, "efi_b->" } }, false, {}, { "\\boot\\bcd_b", "\\grp_b\\s-win-b.txt", "\\efi\\efi_b\\s-win-b.txt" },
+      "ERRORE: fase rinomina EFI fallita: \\efi\\efi_b -> \\efi\\microsoft: Access Denied (0x800000000000000F)" },
+    { "SRC fails", { { Op::SetInfo, denied, 1, "grp_b->" } }, false, {}, { "\\boot\\bcd_b", "\\grp_b\\s-win-b.txt" },
+      "ERRORE: fase rinomina SRC fallita: \\grp_b -> \\sources: Access Denied (0x800000000000000F)" },
+    { "SRC fails, store active before", { { Op::SetInfo, denied, 1, "grp_b->" } }, true, { "\\boot\\BCD" }, { "\\grp_b\\s-win-b.txt" }, nullptr },
+    { "EFI fails and so does the SRC rollback", { { Op::SetInfo, denied, 1, "efi_b->" }, { Op::SetInfo, denied, 1, "\\sources->" } }, false,
+      { "\\sources\\s-win-b.txt" }, { "\\boot\\bcd_b" }, "Rollback rinomina fallito: \\sources -> \\grp_b: Access Denied (0x800000000000000F)" },
+  };
+  ASSERT_EQ (Recover (), EFI_SUCCESS);
+  const fake::Disk restored = boot.DiskImage ();
+  for (const auto &row : rows) {
+    SCOPED_TRACE (row.name);
+    OnCopy (restored, [&](fake::Volume &v, EFI_FILE_PROTOCOL *r) {
+      if (row.storeActiveBefore) v.Put ("\\boot\\BCD", v.Get ("\\boot\\bcd_b")), v.Remove ("\\boot\\bcd_b");
+      const auto before = v.Snapshot ();
+      EXPECT_EQ (RenewOn (v, r, "s-win-b", row.faults), denied);
+      for (const char *path : row.active) EXPECT_TRUE (v.Exists (path)) << path;
+      for (const char *path : row.inactive) EXPECT_TRUE (v.Exists (path)) << path;
+      if (row.storeActiveBefore) EXPECT_FALSE (v.Exists ("\\boot\\bcd_b")) << "a store active before was renamed";
+      if (row.line != nullptr) EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
+      ExpectNoGroupDataLost (before, v, kGroups);
+    });
+  }
+}
+
+TEST_F (PhaseTest, SourceVolumeOfAnotherTypeOrPartitionIsRefusedBeforeAnyRename) {
+  const struct { const char *fs, *part, *line; EFI_STATUS status; } rows[] = {
+    { "NTFS", "", "ERRORE: fase rinomina, SOURCE_FS non atomico: atteso FS=NTFS reale FS=FAT32", EFI_NOT_FOUND },
+    { "fat32", "0000-0000", nullptr, EFI_NOT_FOUND },
+    { "fat32", "", nullptr, EFI_SUCCESS },
+  };
+  for (const auto &row : rows) {
+    GROUP_STATE s = State ("bcd_b", "grp_b", "efi_b", row.part, row.fs);
+    EXPECT_EQ (VerifySourceFsAtomic (boot.Handle (), &s), row.status) << row.fs << " " << row.part;
+    if (row.status == EFI_SUCCESS) EXPECT_EQ (Str (s.SrcPart), uuid);
+    if (row.line != nullptr) EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
+  }
+  EXPECT_TRUE (Has (LogText (), "] ERRORE: fase rinomina, SOURCE_FS non atomico: atteso UUID=0000-0000 reale UUID=" + uuid + "\r\n"));
+}
+
+}  // namespace
