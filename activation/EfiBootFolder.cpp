@@ -8,6 +8,7 @@
 #include <fs/FileAccess.h>
 #include <fs/Md5.h>
 #include <fs/VerifiedChange.h>
+#include <Guards.h>
 
 #define EFI_STORE_PATH_CHARS   168
 #define EFI_BACKUP_PATH_CHARS  176
@@ -165,7 +166,13 @@ TryEfiBcdCandidate (
     }
 
     if (!EFI_ERROR (Status)) {
-      Status = VerifyEfiBcd (Root, Target, State);
+      // The copy is proved as the volume holds it now, not as this root may still show it.
+      FileGuard  Fresh;
+
+      Status = OpenRoot (Volume, Fresh.Out ());
+      if (!EFI_ERROR (Status)) {
+        Status = VerifyEfiBcd (Fresh.Get (), Target, State);
+      }
     }
 
     if (EFI_ERROR (Status)) {

@@ -536,6 +536,18 @@ RunRenewalRenames (
     return EFI_INVALID_PARAMETER;
   }
 
+  // The recovery changed the volume through roots of its own, and some drivers keep
+  // showing a root's volume as it was when it was opened: the renewal looks through a
+  // root opened now.
+  FileGuard  Fresh;
+
+  (VOID)SourceRoot;
+  Status = OpenRoot (SourceHandle, Fresh.Out ());
+  if (EFI_ERROR (Status)) {
+    return Status;
+  }
+
+  SourceRoot = Fresh.Get ();
   UnicodeSPrint (GroupBcd, sizeof (GroupBcd), L16 (u"\\boot\\%s"), Requested->Bcd);
   UnicodeSPrint (GroupSrc, sizeof (GroupSrc), L16 (u"\\%s"), Requested->Src);
   UnicodeSPrint (GroupEfi, sizeof (GroupEfi), L16 (u"\\efi\\%s"), Requested->Efi);

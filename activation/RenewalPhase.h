@@ -46,7 +46,8 @@ VerifySourceFsAtomic (
 /**
   The renames, BCD, SRC then EFI, after the checks and preparations. A failed rename
   undoes this run's earlier ones, SRC then BCD. Requested is the run's
-  Context->Requested: the checks complete its digests there.
+  Context->Requested: the checks complete its digests there. The work is done through
+  a root of SourceHandle opened here, which shows what the recovery changed.
 
   @retval EFI_SUCCESS            The three pieces carry the active names.
   @retval EFI_INVALID_PARAMETER  A name of the group is empty.

@@ -8,6 +8,8 @@
 #include "Sweep.h"
 
 #include <activation/BcdStores.h>
+#include <activation/RecoveryPhase.h>
+#include <activation/RenewalPhase.h>
 #include <data/EntriesFile.h>
 #include <data/RecoveryRecord.h>
 #include <data/StateFile.h>
@@ -170,6 +172,38 @@ EFI_STATUS NormalizeActive (Stick &s) {
 
 EFI_STATUS IdentifyGroupB (Stick &s, MarkerLookup lookup) {
   return Yields (IdentifyFolderByMarker (&s.context, s.root, P (u"\\grp_b"), lookup, s.id, &s.state), s.id, "s-win-b");
+}
+
+// Group a is the current group, recorded on the source volume with its store's digest;
+// group b is requested. On FAT32 "\efi\microsoft" is a group's own folder: the EFI stores
+// of NTFS and exFAT are not there, and group a's own EFI name is free.
+void SwitchToB (Stick &s) {
+  fake::Volume &v = s.Src ();
+  if (!s.External ()) {
+    v.Remove ("\\efi\\efi_a\\boot\\BCD"), v.Remove ("\\efi\\efi_a\\boot"), v.Remove ("\\efi\\efi_a");
+    for (const char *path : { "\\efi\\microsoft\\boot\\backup\\bcd_a", "\\efi\\microsoft\\boot\\backup\\bcd_a.md5", "\\efi\\microsoft\\boot\\backup\\bcd_b",
+                              "\\efi\\microsoft\\boot\\backup\\bcd_b.md5", "\\efi\\microsoft\\boot\\BCD" }) v.Remove (path);
+  }
+  v.Put ("\\sources\\recovery.txt", v.Get ("\\sources\\recovery.txt") + "BCD_MD5|" + kMd5StoreA + "\r\n");
+  s.context.Current = State ("bcd_a", "grp_a", "efi_a", s.uuid, NamesOf (s.kind).fs);
+  SetField (s.context.GroupId, "s-win-b");
+  std::strcpy (reinterpret_cast<char *>(s.context.GroupIdAscii), "s-win-b");
+}
+
+// The whole switch as the run makes it, on the source volume.
+EFI_STATUS Switch (Stick &s) {
+  ACTIVATION_CONTEXT &c  = s.context;
+  EFI_STATUS         st = RunRecoveryPhase (&c, c.EntriesText);
+  if (!EFI_ERROR (st)) st = RebuildRequestedState (s.bootRoot, c.EntriesText, c.GroupIdAscii, &c.Requested);
+  if (!EFI_ERROR (st)) st = VerifySourceFsAtomic (s.source->Handle (), &c.Requested);
+  if (!EFI_ERROR (st)) st = RunRenewalRenames (c.ImageHandle, s.source->Handle (), s.root, &c, &c.Requested);
+  // Under a fault a step may rightly find nothing to do; the clean run does it all.
+  if (sweep::Injecting ().op != Op::None) return st;
+  return Then (st, [&] {
+    EXPECT_TRUE (s.Src ().Get ("\\boot\\BCD") == kStoreB) << "not group b's store";
+    EXPECT_TRUE (s.Src ().Exists ("\\sources\\s-win-b.txt") && s.Src ().Exists ("\\grp_a\\s-win-a.txt"));
+    EXPECT_TRUE (s.External () ? s.Src ().Get ("\\efi\\microsoft\\boot\\BCD") == kEfiB : s.Src ().Exists ("\\efi\\microsoft\\s-win-b.txt"));
+  });
 }
 
 std::vector<Row> Rows () {
@@ -354,6 +388,25 @@ std::vector<Row> Rows () {
         return Then (NormalizeEfiBcdByMd5 (&s.context, s.source->Handle (), s.root, ACTIVE_EFI_BCD_PATH),
                      [&] { EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\bcd_b"), kEfiB); });
       }, kDevOor },
+    // --- Phases ---------------------------------------------------------------------------
+    { "RunRecoveryPhase", kEvery, [](Stick &s) {
+        const EFI_STATUS st = RunRecoveryPhase (&s.context, s.context.EntriesText);
+        if (sweep::Injecting ().op != Op::None) return st;
+        return Then (st, [&] {
+          EXPECT_TRUE (s.Src ().Exists ("\\grp_a\\s-win-a.txt"));
+          EXPECT_TRUE (s.Src ().Get ("\\boot\\bcd_a") == kStoreA) << "not group a's store";
+        });
+      }, { PassedOn, nf, dev, bad, oor, taken }, uuidOnFat32AndExfat, SwitchToB, stateFile },
+    { "Switch", kEvery, Switch, { PassedOn, nf, dev, bad, oor, taken }, uuidOnFat32AndExfat, SwitchToB, stateFile },
+    // A driver whose roots keep showing the volume as it was when they were opened: the
+    // source root the renewal is given predates the recovery's renames.
+    { "SwitchStaleView", { Kind::Ntfs, Kind::Exfat }, Switch, { PassedOn, nf, dev, bad, oor, taken }, uuidOnExfat, [](Stick &s) {
+        SwitchToB (s);
+        s.Src ().staleView = true;
+        s.root->Close (s.root);
+        EXPECT_EQ (OpenRoot (s.source->Handle (), &s.root), EFI_SUCCESS);
+        s.context.SourceRoot = s.root;
+      }, stateFile },
     { "VerifyEfiBcd", kEvery, [](Stick &s) {
         GROUP_STATE state = State ("bcd_a", "grp_a", "efi_a");
         return VerifyEfiBcd (s.root, P (u"\\efi\\microsoft\\boot\\backup\\bcd_a"), &state);
