@@ -19,8 +19,11 @@ host-test: setup
 	@cmake --build $(HOST_BUILD) -j$$(nproc) -- -s
 	@cd $(HOST_BUILD) && ctest --output-on-failure --timeout 60
 
+# shell_move.py moves an EFI folder on a stick's second partition with OVMF's own shell,
+# through the test-only build/ShellMoveProbe.efi, and reads the stick back.
 e2e: build
 	@python3 tests/e2e/smoke_test.py
+	@python3 tests/e2e/shell_move.py
 
 # One table of file-protocol behaviours answered twice: by the host suite's FAT volume
 # (FileBehaviourTest writes host-file-table.txt) and by OVMF's own driver through the

@@ -36,4 +36,6 @@ fi
 cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/Velmaro.efi" "$REPO/build/Velmaro.efi"
 # The test-only file probe (tests/probe/) for the QEMU file-table scenario; never for sticks.
 cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/FileProbe.efi" "$REPO/build/FileProbe.efi"
+# The test-only shell-move probe (tests/probe/) for tests/e2e/shell_move.py; never for sticks.
+cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/ShellMoveProbe.efi" "$REPO/build/ShellMoveProbe.efi"
 echo "build: $REPO/build/Velmaro.efi"
