@@ -12,10 +12,12 @@
 
 /**
   Formats one command line into Command (Capacity characters). A command that would
-  not fit is refused rather than run cut short.
+  not fit is refused rather than run cut short. EFIAPI: the firmware's variable
+  argument lists only work in functions of its own calling convention.
 **/
 STATIC
 EFI_STATUS
+EFIAPI
 FormatCommand (
   OUT CHAR16        *Command,
   IN  UINTN         Capacity,
@@ -119,6 +121,8 @@ ShellExecute (
   EFI_SHELL_PROTOCOL       *Shell;
   EFI_SHELL_ENVIRONMENT2   *Environment;
   EFI_HANDLE               Parent;
+  BOOLEAN                  Ran;
+  EFI_STATUS               Answer;
   EFI_STATUS               Status;
 
   if ((CommandLine == nullptr) || (ShellStatus == nullptr)) {
@@ -128,12 +132,16 @@ ShellExecute (
   *ShellStatus = EFI_SUCCESS;
   Parent       = ImageHandle;
   Shell        = nullptr;
+  Ran          = FALSE;
   Status       = gBS->LocateProtocol (&gEfiShellProtocolGuid, nullptr, reinterpret_cast<VOID **>(&Shell));
   if (!EFI_ERROR (Status) && (Shell != nullptr) && (Shell->Execute != nullptr)) {
     Status = Shell->Execute (&Parent, const_cast<CHAR16 *>(CommandLine), nullptr, ShellStatus);
     if (!EFI_ERROR (Status) && !EFI_ERROR (*ShellStatus)) {
       return EFI_SUCCESS;
     }
+
+    Ran     = TRUE;
+    Answer  = Status;
 
     LogPrint (
       L16 (u"Shell Execute: EFI_SHELL_PROTOCOL fallito status=%r (0x%lx) shell_status=%r (0x%lx), provo EFI_SHELL_ENVIRONMENT2\n"),
@@ -147,7 +155,9 @@ ShellExecute (
   Environment = nullptr;
   Status      = gBS->LocateProtocol (&gEfiShellEnvironment2Guid, nullptr, reinterpret_cast<VOID **>(&Environment));
   if (EFI_ERROR (Status) || (Environment == nullptr) || (Environment->Execute == nullptr)) {
-    return EFI_UNSUPPORTED;
+    // A shell without the older environment has answered already: its answer is the
+    // one that tells what went wrong.
+    return Ran ? Answer : EFI_UNSUPPORTED;
   }
 
   *ShellStatus = Environment->Execute (&Parent, const_cast<CHAR16 *>(CommandLine), FALSE);
@@ -176,6 +186,7 @@ FindBlkShellName (
   OUT CHAR16        *Name
   )
 {
+  CHAR16      Device[SHELL_MAP_NAME_CHARS];
   CHAR16      Command[SHELL_COMMAND_CHARS];
   EFI_STATUS  Status;
   EFI_STATUS  ShellStatus;
@@ -192,14 +203,17 @@ FindBlkShellName (
   }
 
   for (Index = 0; Index <= SHELL_PROBE_LAST; Index++) {
-    FormatCommand (Command, SHELL_COMMAND_CHARS, L16 (u"blk%u:"), Index);
-    Status = ShellExecute (ImageHandle, Command, &ShellStatus);
-    LogPrint (L16 (u"BLK diag: %s status=%r (0x%lx) shell_status=%r (0x%lx)\n"), Command, Status, Status, ShellStatus, ShellStatus);
-    if (EFI_ERROR (Status) || EFI_ERROR (ShellStatus)) {
+    FormatCommand (Device, SHELL_MAP_NAME_CHARS, L16 (u"blk%u:"), Index);
+    Status = ShellExecute (ImageHandle, Device, &ShellStatus);
+    LogPrint (L16 (u"BLK diag: %s status=%r (0x%lx) shell_status=%r (0x%lx)\n"), Device, Status, Status, ShellStatus, ShellStatus);
+    // The shell runs each command in a shell of its own and sets no status for a drive
+    // change, so only the call can tell; the listings name the device themselves and
+    // do not depend on a current directory carried from one command to the next.
+    if (EFI_ERROR (Status)) {
       continue;
     }
 
-    Status = FormatCommand (Command, SHELL_COMMAND_CHARS, L16 (u"ls \\%s.uuid"), Uuid);
+    Status = FormatCommand (Command, SHELL_COMMAND_CHARS, L16 (u"ls %s\\%s.uuid"), Device, Uuid);
     if (EFI_ERROR (Status)) {
       return Status;
     }
@@ -208,7 +222,7 @@ FindBlkShellName (
     LogPrint (L16 (u"BLK diag: blk%u %s status=%r (0x%lx) shell_status=%r (0x%lx)\n"), Index, Command, Status, Status, ShellStatus, ShellStatus);
 
     // The folder is listed even after a missing marker: the log then shows both answers.
-    Status = FormatCommand (Command, SHELL_COMMAND_CHARS, L16 (u"ls %s"), SourcePath);
+    Status = FormatCommand (Command, SHELL_COMMAND_CHARS, L16 (u"ls %s%s"), Device, SourcePath);
     if (EFI_ERROR (Status)) {
       return Status;
     }
@@ -216,7 +230,7 @@ FindBlkShellName (
     SourceFound = ShellCommandSucceeds (ImageHandle, Command, &Status, &ShellStatus);
     LogPrint (L16 (u"BLK diag: blk%u %s status=%r (0x%lx) shell_status=%r (0x%lx)\n"), Index, Command, Status, Status, ShellStatus, ShellStatus);
     if (MarkerFound && SourceFound) {
-      FormatCommand (Name, SHELL_MAP_NAME_CHARS, L16 (u"blk%u:"), Index);
+      StrCpyS (Name, SHELL_MAP_NAME_CHARS, Device);
       LogPrint (L16 (u"BLK diag: SOURCE_FS shell trovato come %s\n"), Name);
       return EFI_SUCCESS;
     }
@@ -261,20 +275,16 @@ MapFromShellProtocol (
     return EFI_OUT_OF_RESOURCES;
   }
 
+  // The answer stays the shell's: it frees it itself, and a second free corrupts its pool.
   Walk   = Copy.Get ();
   Answer = Shell->GetMapFromDevicePath (&Walk);
   if ((Answer == nullptr) || (Answer[0] == L'\0')) {
-    if (Answer != nullptr) {
-      FreePool (const_cast<CHAR16 *>(Answer));
-    }
-
     LogPrint (L16 (u"Shell mv: EFI_SHELL_PROTOCOL non ha mappa per SOURCE_FS, provo EFI_SHELL_ENVIRONMENT2\n"));
     return EFI_NOT_FOUND;
   }
 
   // The shell answers every name of the device, ";"-joined; a command line takes one.
   Status = CopyFirstMapName (Name, Answer);
-  FreePool (const_cast<CHAR16 *>(Answer));
   if (EFI_ERROR (Status)) {
     return Status;
   }
@@ -524,13 +534,14 @@ ShellMoveEfiFolder (
   if (!EFI_ERROR (Status)) {
     EFI_STATUS  ShellStatus;
 
+    // As in the search: a drive change has no status of its own, and mv names the device.
     Status = ShellExecute (ImageHandle, Name, &ShellStatus);
     LogPrint (L16 (u"Shell Execute(%s): status=%r (0x%lx) shell_status=%r (0x%lx)\n"), Name, Status, Status, ShellStatus, ShellStatus);
-    if (EFI_ERROR (Status) || EFI_ERROR (ShellStatus)) {
-      return EFI_ERROR (Status) ? Status : ShellStatus;
+    if (EFI_ERROR (Status)) {
+      return Status;
     }
 
-    Status = FormatCommand (Command, SHELL_MV_COMMAND_CHARS, L16 (u"mv \"%s\" \"%s\""), SourcePath, ACTIVE_EFI_PATH);
+    Status = FormatCommand (Command, SHELL_MV_COMMAND_CHARS, L16 (u"mv \"%s%s\" \"%s%s\""), Name, SourcePath, Name, ACTIVE_EFI_PATH);
     if (EFI_ERROR (Status)) {
       return Status;
     }
