@@ -111,6 +111,19 @@ template<bool App> EFI_STATUS EFIAPI LocateHandleBuffer (EFI_LOCATE_SEARCH_TYPE 
   return EFI_SUCCESS;
 }
 
+// The first interface installed for the protocol (a volume's file system through the fault
+// layer, as HandleProtocol shows it). No notifications are registered, so a Registration
+// finds nothing.
+template<bool App> EFI_STATUS EFIAPI LocateProtocol (EFI_GUID *guid, VOID *registration, VOID **iface) {
+  if (guid == nullptr || iface == nullptr) return EFI_INVALID_PARAMETER;
+  *iface = nullptr;
+  if (const Fault *f = Faulted<App>(Op::LocateProtocol)) return f->status;
+  std::vector<EFI_HANDLE> found = Firmware::Current ().HandlesWith (*guid);
+  if (registration != nullptr || found.empty ()) return EFI_NOT_FOUND;
+  *iface = Shown<App>(found.front (), *guid);
+  return EFI_SUCCESS;
+}
+
 // Install and uninstall all or nothing, as the DXE core does; an interface goes only if it
 // is the one installed.
 EFI_STATUS Change (bool install, EFI_HANDLE *handle, VA_LIST args) {
@@ -212,6 +225,7 @@ template<bool App> void Fill (EFI_BOOT_SERVICES &bs, EFI_RUNTIME_SERVICES &rt) {
   bs.HandleProtocol                      = HandleProtocol<App>;
   bs.OpenProtocol                        = OpenProtocol<App>;
   bs.LocateHandleBuffer                  = LocateHandleBuffer<App>;
+  bs.LocateProtocol                      = LocateProtocol<App>;
   bs.CloseProtocol                       = CloseProtocol;
   bs.InstallMultipleProtocolInterfaces   = InstallMultiple;
   bs.UninstallMultipleProtocolInterfaces = UninstallMultiple;

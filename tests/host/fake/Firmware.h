@@ -20,6 +20,12 @@
 #include <Protocol/DiskIo.h>
 #include <Protocol/DriverBinding.h>
 
+extern "C" {
+#include <Protocol/Shell.h>
+#include <Protocol/EfiShellInterface.h>
+#include <Protocol/EfiShellEnvironment2.h>
+}
+
 namespace fake {
 
 // The file system a volume shows the application (see above: the driver is FAT's for all).
@@ -29,7 +35,9 @@ enum class Op {
   None,   // a fault row that injects nothing
   Open, Close, Delete, Read, Write, GetPosition, SetPosition, GetInfo, SetInfo, Flush,
   OpenVolume, HandleProtocol, OpenProtocol, LocateHandleBuffer, LocateProtocol,
-  AllocatePool, GetTime, WaitForEvent, ReadKeyStroke, ReadBlocks
+  AllocatePool, GetTime, WaitForEvent, ReadKeyStroke, ReadBlocks,
+  ShellExecute,   // the shell's Execute call itself (path: the command line)
+  ShellCommand    // the command it runs: the fault's status is the command's (path: the command line)
 };
 
 enum class Effect {
@@ -127,6 +135,37 @@ class Volume {
   EFI_SIMPLE_FILE_SYSTEM_PROTOCOL  *raw;   // the driver's own, below faults and switches
 };
 
+// --- The firmware's shell (Shell.cpp) ---------------------------------------------
+// The shell the application was started from, found through LocateProtocol once a test
+// installs it: EFI_SHELL_PROTOCOL as ShellPkg implements it, EFI_SHELL_ENVIRONMENT2 as its
+// header describes it. Its commands reach the volumes through the FAT driver's own protocol.
+class Shell {
+ public:
+  Shell ();
+  void UseShellProtocol (bool on) { Install (gEfiShellProtocolGuid, &protocol, on); }
+  void UseEnvironment2 (bool on) { Install (gEfiShellEnvironment2Guid, &environment2, on); }
+  void Start ();   // names the devices as a shell starting now does (else done at first use)
+
+  // A test may null members to model a shell without them.
+  EFI_SHELL_PROTOCOL        protocol{};
+  EFI_SHELL_ENVIRONMENT2    environment2{};
+  // ShellPkg runs each EFI_SHELL_PROTOCOL Execute in a shell started for it (unless started
+  // with -nonest): names made afresh, and whatever "map -u" adds there goes with it.
+  bool                      nested = true;
+  std::string               cwd;        // "FS0:\efi"; empty: no current directory
+  std::vector<std::string>  commands;   // every command line run, in order
+
+  struct Mapping { std::string name, path; bool consistent; };   // "FS0:", device path as text (upper case)
+  struct Table { std::vector<Mapping> maps; unsigned fs = 0, blk = 0; };
+  Table       table;   // the started shell's
+  bool        started = false;
+  EFI_HANDLE  handle = nullptr;
+
+ private:
+  void Install (const EFI_GUID &guid, void *iface, bool on);
+};
+// --- end of the shell ----------------------------------------------------------------
+
 class Firmware {
  public:
   Firmware ();
@@ -175,6 +214,7 @@ class Firmware {
   int OpenHandles () const;    // file handles open on all volumes
 
   Faults                     faults;
+  Shell                      shell;
   std::u16string             console;        // everything printed
   std::vector<UINTN>         attributes;     // every SetAttribute
   unsigned                   keyWaits = 0;
