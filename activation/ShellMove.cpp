@@ -100,8 +100,10 @@ FileListHasPrefix (
   for (Link = List->ForwardLink; (Link != nullptr) && (Link != List); Link = Link->ForwardLink) {
     SHELL_FILE_ARG  *Arg = BASE_CR (Link, SHELL_FILE_ARG, Link);
 
-    // Only what carries the shell's own signature is one of its file arguments.
-    if ((Arg->Signature == SHELL_FILE_ARG_SIGNATURE) && (Arg->FullName != nullptr) &&
+    // Only what carries the shell's own signature is one of its file arguments, and only
+    // one the shell could open is there: the environment lists a missing path too, with
+    // the failure in its Status.
+    if ((Arg->Signature == SHELL_FILE_ARG_SIGNATURE) && !EFI_ERROR (Arg->Status) && (Arg->FullName != nullptr) &&
         (StrnCmp (Arg->FullName, Prefix, PrefixLength) == 0))
     {
       return EFI_SUCCESS;
@@ -160,7 +162,9 @@ ShellExecute (
     return Ran ? Answer : EFI_UNSUPPORTED;
   }
 
-  *ShellStatus = Environment->Execute (&Parent, const_cast<CHAR16 *>(CommandLine), FALSE);
+  // The older environment hands its first argument to HandleProtocol as it is: it takes
+  // the handle itself where its declaration says a pointer to one.
+  *ShellStatus = Environment->Execute (reinterpret_cast<EFI_HANDLE *>(ImageHandle), const_cast<CHAR16 *>(CommandLine), FALSE);
   return EFI_SUCCESS;
 }
 

@@ -96,8 +96,9 @@ MapSourceFsShellName (
   );
 
 /**
-  @retval EFI_SUCCESS            An entry of the list is a shell file argument whose full
-                                 name begins with Prefix (letter case counts).
+  @retval EFI_SUCCESS            An entry of the list is a shell file argument the shell
+                                 opened, whose full name begins with Prefix (letter case
+                                 counts).
   @retval EFI_NOT_FOUND          None does.
   @retval EFI_INVALID_PARAMETER  No list or an empty prefix.
 **/

@@ -78,6 +78,12 @@ inline const std::vector<Table> &Tables () {
     { Op::WaitForEvent, "WaitForEvent", { { EFI_UNSUPPORTED }, { EFI_INVALID_PARAMETER } } },
     // No key pressed, a failed keyboard, a console without one.
     { Op::ReadKeyStroke, "ReadKeyStroke", { { EFI_NOT_READY }, { EFI_DEVICE_ERROR }, { EFI_UNSUPPORTED } } },
+    // ShellProtocol.c EfiShellExecute: a command line it cannot take, no pool, the nested
+    // shell image not started; or a command claimed and never run.
+    { Op::ShellExecute, "ShellExecute", { { EFI_INVALID_PARAMETER }, { EFI_OUT_OF_RESOURCES }, { EFI_UNSUPPORTED }, kNoEffect } },
+    // The command itself (mv, ls, map): no such file, a move the volume refuses, a full
+    // volume, a command that stopped; or one that says it worked and did nothing.
+    { Op::ShellCommand, "ShellCommand", { { EFI_NOT_FOUND }, { EFI_ACCESS_DENIED }, { EFI_VOLUME_FULL }, { EFI_ABORTED }, kNoEffect } },
     // Block I/O: no medium, failed device, stale MediaId, partial block, LBA or buffer refused.
     { Op::ReadBlocks, "ReadBlocks", { { EFI_NO_MEDIA }, { EFI_DEVICE_ERROR }, { EFI_MEDIA_CHANGED }, { EFI_BAD_BUFFER_SIZE },
                                       { EFI_INVALID_PARAMETER } } },

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <array>
+#include <deque>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -154,6 +155,7 @@ class Shell {
   bool                      nested = true;
   std::string               cwd;        // "FS0:\efi"; empty: no current directory
   std::vector<std::string>  commands;   // every command line run, in order
+  std::deque<std::u16string> answers;   // GetMapFromDevicePath's answers: the shell's to free
 
   struct Mapping { std::string name, path; bool consistent; };   // "FS0:", device path as text (upper case)
   struct Table { std::vector<Mapping> maps; unsigned fs = 0, blk = 0; };

@@ -271,6 +271,9 @@ std::vector<std::string> Words (const std::string &line) {
   return words;
 }
 
+// What OVMF's nested shell answered for a drive change, whose status nothing sets.
+constexpr EFI_STATUS kNoStatusSet = 0x8000000400030000ull;
+
 // One command line in a shell with these names; the answer is the command's status
 // (SHELL_NOT_FOUND for a name that is no command: the shell sets "lasterror" so).
 EFI_STATUS Run (Table &table, const std::string &line) {
@@ -281,7 +284,11 @@ EFI_STATUS Run (Table &table, const std::string &line) {
   const std::string              command = args.empty () ? "" : Upper (args[0]);
   EFI_STATUS                     status  = args.empty () ? EFI_SUCCESS : EFI_NOT_FOUND;
   // "fsN:" alone: any mapping becomes current, one without a file system too (dropped below).
-  for (const auto &m : args.size () == 1 ? table.maps : std::vector<Shell::Mapping>()) status = Upper (m.name) == command ? (shell.cwd = m.name + "\\", EFI_SUCCESS) : status;
+  // A nested shell sets no status for it: OVMF hands back what was left there, which is
+  // not an EFI status at all.
+  for (const auto &m : args.size () == 1 ? table.maps : std::vector<Shell::Mapping>()) {
+    status = Upper (m.name) == command ? (shell.cwd = m.name + "\\", shell.nested ? kNoStatusSet : EFI_SUCCESS) : status;
+  }
   for (const auto &a : command == "MAP" ? args : std::vector<std::string>()) {
     status = Upper (a) == "-R" ? (table = Initial (), EFI_SUCCESS) : Upper (a) == "-U" ? Update (table) : EFI_ERROR (status) && status != EFI_NOT_FOUND ? status : EFI_SUCCESS;
   }
@@ -311,14 +318,16 @@ EFI_STATUS EFIAPI Execute (EFI_HANDLE *parent, CHAR16 *commandLine, CHAR16 **, E
 }
 
 // Every name of the device in the order the shell made them, joined by ';' ("FS0:;HD0b0b:;
-// BLK1:"). The header has the caller free the buffer; ShellPkg makes a new one for every
-// call and keeps no reference to it. On a match *DevicePath is left at its End node.
+// BLK1:"). Whatever the header says, ShellPkg puts the answer on the shell's own list of
+// buffers to free (AddBufferToFreeList): freeing it too corrupts the shell's pool, as
+// OVMF shows. The answer is the shell's here, and a FreePool of it fails the test. On a
+// match *DevicePath is left at its End node.
 CONST CHAR16 *EFIAPI GetMapFromDevicePath (EFI_DEVICE_PATH_PROTOCOL **devicePath) {
   if (devicePath == nullptr || *devicePath == nullptr) return nullptr;
   const std::string path = PathText (reinterpret_cast<const uint8_t *>(*devicePath));
   std::string       names;
   for (const auto &m : Started ().maps) names += m.path == path ? (names.empty () ? "" : ";") + m.name : "";
-  CHAR16 *answer = names.empty () ? nullptr : PoolText (names);
+  CHAR16 *answer = names.empty () ? nullptr : C16 (Fw ().shell.answers.emplace_back (U16 (names)));
   for (auto *node = reinterpret_cast<uint8_t *>(*devicePath); answer != nullptr && !IsEnd (node); node += Length (node)) *devicePath = reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL *>(node + Length (node));
   return answer;
 }

@@ -14,13 +14,12 @@ std::vector<uint8_t> Usb (uint8_t port, uint32_t partition) { return fake::WithM
 CHAR16 *C16 (const char16_t *text) { return reinterpret_cast<CHAR16 *>(const_cast<char16_t *>(text)); }
 auto *PathOf (fake::Firmware &fw, fake::Volume &v) { return static_cast<EFI_DEVICE_PATH_PROTOCOL *>(fw.Find (v.Handle (), gEfiDevicePathProtocolGuid)); }
 
-// GetMapFromDevicePath's answer ("" for none), freed as the caller must.
+// GetMapFromDevicePath's answer ("" for none); it stays the shell's.
 std::string MapOf (fake::Firmware &fw, fake::Volume &volume) {
   EFI_DEVICE_PATH_PROTOCOL *walk  = PathOf (fw, volume);
   const CHAR16             *names = fw.shell.protocol.GetMapFromDevicePath (&walk);
   const std::string        text   = names == nullptr ? "" : fake::Narrow (reinterpret_cast<const char16_t *>(names));
   if (names != nullptr) EXPECT_EQ (walk->Type, END_DEVICE_PATH_TYPE) << "left at the End node";
-  FreePool (const_cast<CHAR16 *>(names));
   return text;
 }
 
