@@ -138,6 +138,7 @@ TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
     EFI_STATUS                                 status;
     std::vector<std::pair<std::string, std::string>> after;   // path -> bytes ("" only exists, "-" absent)
     const char                                 *line;
+    fake::Fault                                fault = {};
   } rows[] = {
     { "duplicate source folder goes aside", [](fake::Volume &v) { v.Put ("\\grp_a\\s-win-a.txt", ""); v.Put ("\\sources.bak\\old", "o"); },
       EFI_SUCCESS, { { "\\sources.bak\\s-win-a.txt", "" }, { "\\sources.bak1\\old", "o" }, { "\\grp_a\\s-win-a.txt", "" } }, nullptr },
@@ -151,6 +152,11 @@ TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
       "recovery BCD: BCD=bcd_a KO Compromised Data (0x8000000000000021)" },
     { "wrong active store, good backup", [](fake::Volume &v) { v.Put ("\\boot\\BCD", "store of nobody"); },
       EFI_SUCCESS, { { "\\boot\\BCD", "store of nobody" }, { "\\boot\\bcd_a", "store of s-win-a" } }, "recovery BCD: BCD=bcd_a OK" },
+    { "copy from the backup written without effect", [](fake::Volume &v) { v.Put ("\\boot\\BCD", "store of nobody"); },
+      EFI_COMPROMISED_DATA, { { "\\boot\\BCD", "store of nobody" } }, "recovery BCD: BCD=bcd_a KO Compromised Data (0x8000000000000021)",
+      { Op::Write, EFI_SUCCESS, 0, "bcd_a", Effect::NoEffect } },
+    { "EFI folder rename refused", [](fake::Volume &) {}, EFI_ACCESS_DENIED, { { "\\efi\\microsoft\\s-win-a.txt", "" }, { "\\grp_a\\s-win-a.txt", "" } },
+      "recovery EFI: EFI=efi_a KO Access Denied (0x800000000000000F)", { Op::SetInfo, EFI_ACCESS_DENIED, 1, "microsoft->" } },
     { "record of another partition", [](fake::Volume &v) { v.Put ("\\sources\\recovery.txt", Record (kGroups[0]) + "SRC_PART|1234-abcd\r\n"); },
       EFI_SUCCESS, { { "\\boot\\BCD", "store of s-win-a" }, { "\\boot\\bcd_a", "-" } }, "recovery BCD: BCD=(unknown) SKIP (not active)" },
   };
@@ -160,7 +166,9 @@ TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
     OnCopy (pristine, [&](fake::Volume &v, EFI_FILE_PROTOCOL *) {
       row.arrange (v);
       const auto before = v.Snapshot ();
+      fw.faults.Set (row.fault);
       EXPECT_EQ (Recover (), row.status);
+      fw.faults.Reset ();
       for (const auto &[path, bytes] : row.after) {
         if (bytes == "-") EXPECT_FALSE (v.Exists (path)) << path;
         else if (bytes.empty ()) EXPECT_TRUE (v.Exists (path)) << path;
@@ -205,8 +213,8 @@ TEST_F (PhaseTest, RenewalPutsWhatBlocksTheActiveNamesWithItsOwnerOrAside) {
     const char                               *name;
     std::function<void (fake::Volume &)>     arrange;
     EFI_STATUS                               status;
-    const char                               *where;   // where group c's (or nobody's) folder ends
-    const char                               *line;
+    const char                               *where;   // where the folder that was in the way ends
+    std::string                              line;
   } rows[] = {
     { "another valid group", [](fake::Volume &v) { v.Put ("\\sources\\s-win-c.txt", ""); v.Remove ("\\grp_c\\s-win-c.txt"); v.Remove ("\\grp_c\\recovery.txt"); v.Remove ("\\grp_c\\install.wim"); v.Remove ("\\grp_c"); },
       EFI_SUCCESS, "\\grp_c\\s-win-c.txt", "Fase rinomina: destinazione \\sources contiene ID diverso valido s-win-c, normalizzo in \\grp_c" },
@@ -214,6 +222,21 @@ TEST_F (PhaseTest, RenewalPutsWhatBlocksTheActiveNamesWithItsOwnerOrAside) {
       EFI_SUCCESS, "\\sources.bak\\notes.txt", "Destinazione \\sources non attribuibile/coerente, sposto in .bak: Not Found (0x800000000000000E)" },
     { "another group whose own name is taken", [](fake::Volume &v) { v.Put ("\\sources\\s-win-c.txt", ""); },
       EFI_ALREADY_STARTED, "\\sources\\s-win-c.txt", "ERRORE: fase rinomina, destinazione originale gia presente per ID s-win-c: \\grp_c" },
+    { "another group that belongs to another partition", [](fake::Volume &v) {
+        v.Put ("\\sources\\s-win-c.txt", "");
+        v.Put ("\\ZENTO\\software.xml", "<software ID=\"s-win-c\" Der=\"Windows 11 velmaro\">\r\n<ISO2ndPartition>True</ISO2ndPartition><FS>FAT32</FS>"
+                                          "<UUID>0000-0000</UUID>\r\n<BCD>bcd_c</BCD><SRC>grp_c</SRC><EFI>efi\\efi_c</EFI>\r\n</software>\r\n");
+      }, EFI_ACCESS_DENIED, "\\sources\\s-win-c.txt", "Fase rinomina: destinazione con ID s-win-c non atomica: UUID atteso=0000-0000 reale=" + uuid },
+    { "the requested group's own folder, already active", [](fake::Volume &v) {
+        for (const char *f : { "s-win-b.txt", "recovery.txt", "install.wim" }) v.Put (std::string ("\\sources\\") + f, v.Get (std::string ("\\grp_b\\") + f)), v.Remove (std::string ("\\grp_b\\") + f);
+        v.Remove ("\\grp_b");
+      }, EFI_SUCCESS, "\\sources\\s-win-b.txt", "Fase rinomina: SRC gia attivo e coerente" },
+    { "a source folder without the group's marker", [](fake::Volume &v) { v.Remove ("\\grp_b\\s-win-b.txt"); },
+      EFI_NOT_FOUND, "\\grp_b\\install.wim", "ERRORE: fase rinomina, SRC non coerente: \\grp_b: Not Found (0x800000000000000E)" },
+    { "an EFI folder without the group's marker", [](fake::Volume &v) { v.Remove ("\\efi\\efi_b\\s-win-b.txt"); },
+      EFI_NOT_FOUND, "\\efi\\efi_b\\boot\\bootmgfw.efi", "ERRORE: fase rinomina, EFI non coerente: \\efi\\efi_b: Not Found (0x800000000000000E)" },
+    { "a group store of nobody", [](fake::Volume &v) { v.Put ("\\boot\\bcd_b", "store of nobody"); },
+      EFI_SUCCESS, "\\boot\\bcd_b.bak", "Fase rinomina: BCD sorgente assente/non coerente, recupero da \\boot\\backup\\bcd_b" },
   };
   // Group a restored first, as the run does; b is requested.
   ASSERT_EQ (Recover (), EFI_SUCCESS);
@@ -225,9 +248,10 @@ TEST_F (PhaseTest, RenewalPutsWhatBlocksTheActiveNamesWithItsOwnerOrAside) {
       const auto before = v.Snapshot ();
       EXPECT_EQ (RenewOn (v, r, "s-win-b"), row.status);
       EXPECT_TRUE (v.Exists (row.where)) << row.where;
-      EXPECT_EQ (v.Exists ("\\grp_b\\s-win-b.txt"), row.status != EFI_SUCCESS) << "group b moved only on success";
+      EXPECT_EQ (v.Exists ("\\grp_b\\install.wim"), row.status != EFI_SUCCESS) << "group b moved only on success";
       EXPECT_EQ (v.Exists ("\\boot\\bcd_b"), row.status != EFI_SUCCESS);
-      EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
+      if (row.status == EFI_SUCCESS) EXPECT_TRUE (v.Get ("\\boot\\BCD") == "store of s-win-b" && v.Exists ("\\efi\\microsoft\\s-win-b.txt"));
+      EXPECT_TRUE (Has (LogText (), "] " + row.line + "\r\n"));
       ExpectNoGroupDataLost (before, v, kGroups);
     });
   }
@@ -282,6 +306,14 @@ TEST_F (PhaseTest, SourceVolumeOfAnotherTypeOrPartitionIsRefusedBeforeAnyRename)
     if (row.line != nullptr) EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
   }
   EXPECT_TRUE (Has (LogText (), "] ERRORE: fase rinomina, SOURCE_FS non atomico: atteso UUID=0000-0000 reale UUID=" + uuid + "\r\n"));
+
+  // The install metadata places a group on a second partition: that is the volume asked for.
+  boot.Put ("\\ZENTO\\software.xml", "<software ID=\"s-win-b\" Der=\"Windows 11 velmaro\">\r\n<ISO2ndPartition>True</ISO2ndPartition>"
+                                        "<FS>NTFS</FS><UUID>0123456789abcdef</UUID>\r\n</software>\r\n");
+  GROUP_STATE rebuilt;
+  ASSERT_EQ (RebuildRequestedState (root, context.EntriesText, A ("s-win-b"), &rebuilt), EFI_SUCCESS);
+  EXPECT_EQ (Str (rebuilt.Src), "grp_b");
+  EXPECT_EQ (Str (rebuilt.SrcFs) + " " + Str (rebuilt.SrcPart), "NTFS 0123456789abcdef");
 }
 
 }  // namespace

@@ -163,6 +163,7 @@ TEST_F (ShellMoveTest, SwitchToASiblingGroupAndBackOutOfAFailedMove) {
   ExpectNoGroupDataLost (before, sibling, groups);
 
   ASSERT_EQ (renew (), EFI_SUCCESS);
+  EXPECT_TRUE (Ran ("mv \"blk1:\\efi\\efi_b\"")) << "the sibling's EFI folder was not moved by the shell";
   EXPECT_EQ (sibling.Get ("\\boot\\BCD"), "store b");
   EXPECT_TRUE (sibling.Exists ("\\sources\\s-win-b.txt") && Moved ());
   EXPECT_TRUE (boot.Exists ("\\grp_a\\s-win-a.txt") && boot.Exists ("\\efi\\efi_a\\s-win-a.txt") && boot.Get ("\\boot\\bcd_a") == "store a");
