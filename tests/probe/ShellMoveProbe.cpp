@@ -1,14 +1,10 @@
 /** @file
-  Test-only image: runs the application's own ShellMoveEfiFolder on partition 2 of the
-  stick it was started from, moving "\efi\efi_b" to "\efi\microsoft" through the
-  firmware shell, and leaves the outcome in \shellmove_result.txt on the boot volume
-  (ASCII, "\n" line ends) next to the application's \velmaro_log.txt.
+  Test-only image for tests/e2e/shell_move.py: runs the application's ShellMoveEfiFolder
+  on partition 2 of the stick it was started from, moving "\efi\efi_b" to "\efi\microsoft",
+  and logs the outcome in the application's \velmaro_log.txt on the boot volume.
 
-  Load options: "uuid=<serial>" makes the move look for the volume by its marker
-  file; without it the move asks the shell for the volume's mapping.
-
-  It never goes on a user's stick; tests/e2e/shell_move.py boots it in QEMU and reads the
-  stick back afterwards.
+  "uuid=<serial>" in the load options makes the move look for the volume by its marker
+  file; without it the move asks the shell for the volume's mapping. Never on a user's stick.
 **/
 
 #include <activation/ShellMove.h>
@@ -18,45 +14,9 @@
 
 namespace {
 
-constexpr UINT8  kSourcePartition = 2;
-constexpr UINTN  kUuidChars       = 64;
-constexpr UINTN  kMapChars        = 256;
-
-CHAR8  mResult[2048];
-
-/** The word after "uuid=" in the load options into Uuid; empty when there is none. **/
-VOID UuidFromLoadOptions (CONST EFI_LOADED_IMAGE_PROTOCOL *LoadedImage, CHAR16 *Uuid) {
-  Uuid[0] = L'\0';
-  if ((LoadedImage->LoadOptions == nullptr) || (LoadedImage->LoadOptionsSize < sizeof (CHAR16))) {
-    return;
-  }
-
-  CONST CHAR16  *Text  = static_cast<CONST CHAR16 *>(LoadedImage->LoadOptions);
-  UINTN         Chars  = LoadedImage->LoadOptionsSize / sizeof (CHAR16);
-  CONST CHAR16  Key[]  = { L'u', L'u', L'i', L'd', L'=' };
-  for (UINTN At = 0; At + 5 <= Chars; At++) {
-    // Only a whole word counts: "uuid=" right after a space or at the start.
-    if ((At > 0) && (Text[At - 1] != L' ')) {
-      continue;
-    }
-
-    if (CompareMem (Text + At, Key, sizeof (Key)) != 0) {
-      continue;
-    }
-
-    UINTN  Used = 0;
-    for (At += 5; (At < Chars) && (Text[At] != L'\0') && (Text[At] != L' ') && (Used + 1 < kUuidChars); At++) {
-      Uuid[Used++] = Text[At];
-    }
-
-    Uuid[Used] = L'\0';
-    return;
-  }
-}
-
-/** The hard-drive node of a device path, or null, and how many bytes come before it. **/
+/** The hard-drive node of Path, or null; *PrefixBytes is how many bytes come before it. **/
 HARDDRIVE_DEVICE_PATH *HardDriveNode (EFI_DEVICE_PATH_PROTOCOL *Path, UINTN *PrefixBytes) {
-  for (EFI_DEVICE_PATH_PROTOCOL *Node = Path; !IsDevicePathEnd (Node); Node = NextDevicePathNode (Node)) {
+  for (EFI_DEVICE_PATH_PROTOCOL *Node = Path; (Node != nullptr) && !IsDevicePathEnd (Node); Node = NextDevicePathNode (Node)) {
     if ((DevicePathType (Node) == MEDIA_DEVICE_PATH) && (DevicePathSubType (Node) == MEDIA_HARDDRIVE_DP)) {
       *PrefixBytes = reinterpret_cast<UINT8 *>(Node) - reinterpret_cast<UINT8 *>(Path);
       return reinterpret_cast<HARDDRIVE_DEVICE_PATH *>(Node);
@@ -66,33 +26,24 @@ HARDDRIVE_DEVICE_PATH *HardDriveNode (EFI_DEVICE_PATH_PROTOCOL *Path, UINTN *Pre
   return nullptr;
 }
 
-/**
-  The file-system handle of partition Number on the disk BootHandle lives on: same
-  device path up to the hard-drive node, that node naming partition Number.
-**/
-EFI_STATUS FindSiblingVolume (EFI_HANDLE BootHandle, UINT32 Number, EFI_HANDLE *Found) {
-  EFI_DEVICE_PATH_PROTOCOL  *BootPath = DevicePathFromHandle (BootHandle);
+/** The file-system handle of partition 2 on the disk BootHandle lives on. **/
+EFI_STATUS FindSourceVolume (EFI_HANDLE BootHandle, EFI_HANDLE *Found) {
+  EFI_DEVICE_PATH_PROTOCOL  *BootPath  = DevicePathFromHandle (BootHandle);
   UINTN                     BootPrefix = 0;
-  if ((BootPath == nullptr) || (HardDriveNode (BootPath, &BootPrefix) == nullptr)) {
+  PoolGuard<EFI_HANDLE>     Handles;
+  UINTN                     Count = 0;
+  if ((HardDriveNode (BootPath, &BootPrefix) == nullptr) ||
+      EFI_ERROR (gBS->LocateHandleBuffer (ByProtocol, &gEfiSimpleFileSystemProtocolGuid, nullptr, &Count, Handles.Out ())))
+  {
     return EFI_NOT_FOUND;
   }
 
-  PoolGuard<EFI_HANDLE>  Handles;
-  UINTN                  Count  = 0;
-  EFI_STATUS             Status = gBS->LocateHandleBuffer (ByProtocol, &gEfiSimpleFileSystemProtocolGuid, nullptr, &Count, Handles.Out ());
-  if (EFI_ERROR (Status)) {
-    return Status;
-  }
-
   for (UINTN Index = 0; Index < Count; Index++) {
-    EFI_HANDLE                Handle = Handles.Get ()[Index];
-    EFI_DEVICE_PATH_PROTOCOL  *Path  = DevicePathFromHandle (Handle);
+    EFI_DEVICE_PATH_PROTOCOL  *Path  = DevicePathFromHandle (Handles.Get ()[Index]);
     UINTN                     Prefix = 0;
-    HARDDRIVE_DEVICE_PATH     *Hd    = (Path == nullptr) ? nullptr : HardDriveNode (Path, &Prefix);
-    if ((Hd != nullptr) && (Handle != BootHandle) && (Hd->PartitionNumber == Number) &&
-        (Prefix == BootPrefix) && (CompareMem (Path, BootPath, Prefix) == 0))
-    {
-      *Found = Handle;
+    HARDDRIVE_DEVICE_PATH     *Hd    = HardDriveNode (Path, &Prefix);
+    if ((Hd != nullptr) && (Hd->PartitionNumber == 2) && (Prefix == BootPrefix) && (CompareMem (Path, BootPath, Prefix) == 0)) {
+      *Found = Handles.Get ()[Index];
       return EFI_SUCCESS;
     }
   }
@@ -100,119 +51,46 @@ EFI_STATUS FindSiblingVolume (EFI_HANDLE BootHandle, UINT32 Number, EFI_HANDLE *
   return EFI_NOT_FOUND;
 }
 
-/** The shell's whole answer for the volume's device path, before anything cuts it. **/
-VOID RawShellMap (EFI_HANDLE Volume, CHAR16 *Answer) {
-  EFI_SHELL_PROTOCOL  *Shell = nullptr;
-  Answer[0] = L'\0';
-  if (EFI_ERROR (gBS->LocateProtocol (&gEfiShellProtocolGuid, nullptr, reinterpret_cast<VOID **>(&Shell))) || (Shell == nullptr)) {
-    StrCpyS (Answer, kMapChars, L16 (u"<no shell protocol>"));
-    return;
-  }
-
-  EFI_DEVICE_PATH_PROTOCOL  *Path = DevicePathFromHandle (Volume);
-  if (Path == nullptr) {
-    StrCpyS (Answer, kMapChars, L16 (u"<no device path>"));
-    return;
-  }
-
-  // The shell moves the pointer it is given to the path's end: it gets a copy.
-  PoolGuard<EFI_DEVICE_PATH_PROTOCOL>  Copy;
-  Copy.Reset (DuplicateDevicePath (Path));
-  EFI_DEVICE_PATH_PROTOCOL  *Walk = Copy.Get ();
-  CONST CHAR16              *Raw  = (Walk == nullptr) ? nullptr : Shell->GetMapFromDevicePath (&Walk);
-  if (Raw == nullptr) {
-    StrCpyS (Answer, kMapChars, L16 (u"<null>"));
-    return;
-  }
-
-  // Not ours to free: the shell keeps its answers on its own list of buffers and frees
-  // them itself once the image has returned; freed here as well, the shell faulted then.
-  StrnCpyS (Answer, kMapChars, Raw, kMapChars - 1);
-}
-
-/** Replaces \Name on the volume with Text. **/
-EFI_STATUS SaveText (EFI_HANDLE Volume, CONST CHAR16 *Name, CONST CHAR8 *Text) {
-  FileGuard   Root;
-  FileGuard   File;
-  EFI_STATUS  Status = OpenRoot (Volume, Root.Out ());
-  if (EFI_ERROR (Status)) {
-    return Status;
-  }
-
-  if (!EFI_ERROR (Root->Open (Root.Get (), File.Out (), const_cast<CHAR16 *>(Name), EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, 0))) {
-    EFI_FILE_PROTOCOL  *Old = File.Release ();
-    Old->Delete (Old);
-  }
-
-  Status = Root->Open (Root.Get (), File.Out (), const_cast<CHAR16 *>(Name), EFI_FILE_MODE_CREATE | EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, 0);
-  if (EFI_ERROR (Status)) {
-    return Status;
-  }
-
-  UINTN  Size    = AsciiStrLen (Text);
-  UINTN  Written = Size;
-  Status = File->Write (File.Get (), &Written, const_cast<CHAR8 *>(Text));
-  if (!EFI_ERROR (Status) && (Written != Size)) {
-    Status = EFI_DEVICE_ERROR;
-  }
-
-  return EFI_ERROR (Status) ? Status : File->Flush (File.Get ());
-}
-
 }  // namespace
 
 extern "C" EFI_STATUS EFIAPI _ModuleEntryPoint (IN EFI_HANDLE ImageHandle, IN EFI_SYSTEM_TABLE *SystemTable) {
-  EFI_LOADED_IMAGE_PROTOCOL  *LoadedImage = nullptr;
-  EFI_HANDLE                 Source       = nullptr;
-  CHAR16                     Uuid[kUuidChars];
-  CHAR16                     SourceMap[kMapChars];
-  CHAR16                     BootMap[kMapChars];
+  EFI_LOADED_IMAGE_PROTOCOL  *Image  = nullptr;
+  EFI_HANDLE                 Source  = nullptr;
+  CHAR16                     Options[160];
+  CHAR16                     Uuid[64];
   FileGuard                  SourceRoot;
-  EFI_STATUS                 Status;
-  EFI_STATUS                 MoveStatus = EFI_NOT_STARTED;
 
   ProcessLibraryConstructorList (ImageHandle, SystemTable);
-  Status = gBS->HandleProtocol (ImageHandle, &gEfiLoadedImageProtocolGuid, reinterpret_cast<VOID **>(&LoadedImage));
-  if (EFI_ERROR (Status) || (LoadedImage == nullptr)) {
-    Print (L16 (u"shell move probe: no loaded image: %r\n"), Status);
-    return EFI_ERROR (Status) ? Status : EFI_NOT_FOUND;
+  EFI_STATUS  Status = gBS->HandleProtocol (ImageHandle, &gEfiLoadedImageProtocolGuid, reinterpret_cast<VOID **>(&Image));
+  if (EFI_ERROR (Status)) {
+    return Status;
   }
 
   InitLog (ImageHandle);
-  UuidFromLoadOptions (LoadedImage, Uuid);
-  SourceMap[0] = L'\0';
-  BootMap[0]   = L'\0';
-  Status       = FindSiblingVolume (LoadedImage->DeviceHandle, kSourcePartition, &Source);
-  LogPrint (L16 (u"Probe: partition %u of the boot disk: %r, uuid \"%s\"\n"), kSourcePartition, Status, Uuid);
+  // The shell passes the command line; a leading blank lets " uuid=" match at its start too.
+  UINTN  Size = MIN (Image->LoadOptionsSize, sizeof (Options) - 2 * sizeof (CHAR16));
+  Options[0] = L' ';
+  CopyMem (Options + 1, Image->LoadOptions, Size);
+  Options[1 + Size / sizeof (CHAR16)] = L'\0';
+  CONST CHAR16  *At  = StrStr (Options, L16 (u" uuid="));
+  UINTN         Used = 0;
+  for ( ; (At != nullptr) && (At[6 + Used] > L' ') && (Used + 1 < ARRAY_SIZE (Uuid)); Used++) {
+    Uuid[Used] = At[6 + Used];
+  }
+
+  Uuid[Used] = L'\0';
+  Status     = FindSourceVolume (Image->DeviceHandle, &Source);
   if (!EFI_ERROR (Status)) {
-    RawShellMap (Source, SourceMap);
-    RawShellMap (LoadedImage->DeviceHandle, BootMap);
-    LogPrint (L16 (u"Probe: GetMapFromDevicePath source \"%s\" boot \"%s\"\n"), SourceMap, BootMap);
     Status = OpenRoot (Source, SourceRoot.Out ());
   }
 
   if (!EFI_ERROR (Status)) {
-    MoveStatus = ShellMoveEfiFolder (ImageHandle, Source, SourceRoot.Get (), (Uuid[0] == L'\0') ? nullptr : Uuid, L16 (u"\\efi\\efi_b"));
-    LogPrint (L16 (u"Probe: ShellMoveEfiFolder: %r (0x%lx)\n"), MoveStatus, MoveStatus);
-  } else {
-    MoveStatus = Status;
+    Status = ShellMoveEfiFolder (ImageHandle, Source, SourceRoot.Get (), (Used == 0) ? nullptr : Uuid, L16 (u"\\efi\\efi_b"));
   }
 
+  LogPrint (L16 (u"Probe: uuid \"%s\", status %r (0x%lx)\n"), Uuid, Status, Status);
   SourceRoot.Close ();
   CloseLog ();
-
-  AsciiSPrint (
-    mResult,
-    sizeof (mResult),
-    "status=%r 0x%lx\nuuid=%s\nsource_map=%s\nboot_map=%s\n",
-    MoveStatus,
-    MoveStatus,
-    Uuid,
-    SourceMap,
-    BootMap
-    );
-  Status = SaveText (LoadedImage->DeviceHandle, L16 (u"\\shellmove_result.txt"), mResult);
-  Print (L16 (u"shell move probe: %r, result file %r\n"), MoveStatus, Status);
   ProcessLibraryDestructorList (ImageHandle, SystemTable);
   return Status;
 }
