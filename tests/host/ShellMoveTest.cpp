@@ -116,6 +116,15 @@ TEST_F (ShellMoveTest, NothingRunsWhereMvWouldNestTheFolderOrCannotKeepItsDate) 
   EXPECT_TRUE (sibling.Exists ("\\efi\\efi_z\\s-win-z.txt") && !sibling.Exists ("\\efi\\microsoft"));
 }
 
+TEST_F (ShellMoveTest, ACommandThatDoesNotFitIsNeverRunCutShort) {
+  // A group EFI name as long as a name may be: "ls blkN:\efi\<name>" is over 128 characters.
+  const std::string name (120, 'e'), path = "\\efi\\" + name;
+  sibling.Put (path + "\\s-win-b.txt", "");
+  EXPECT_EQ (ShellMoveEfiFolder (fw.image, sibling.Handle (), siblingRoot, W (u"1234-abcd"), W (fake::U16 (path).c_str ())), EFI_UNSUPPORTED);
+  for (const std::string &command : fw.shell.commands) EXPECT_EQ (command.find ("\\efi\\"), std::string::npos) << "ran: " << command;
+  EXPECT_TRUE (sibling.Exists (path + "\\s-win-b.txt"));
+}
+
 TEST_F (ShellMoveTest, MappingNamesGetTheirColonWithinSixteenCharacters) {
   const struct { const char16_t *in, *out; EFI_STATUS status; } rows[] = {
     { u"FS1", u"FS1:", EFI_SUCCESS }, { u"blk3:", u"blk3:", EFI_SUCCESS }, { u"ABCDEFGHIJKLMN", u"ABCDEFGHIJKLMN:", EFI_SUCCESS },
