@@ -528,6 +528,7 @@ RunRenewalRenames (
   BOOLEAN     EfiActive;
   BOOLEAN     BcdRenamed;
   BOOLEAN     SrcRenamed;
+  FileGuard   Fresh;
   EFI_STATUS  Status;
 
   if ((Context == nullptr) || (Requested == nullptr) || (SourceRoot == nullptr) ||
@@ -539,9 +540,6 @@ RunRenewalRenames (
   // The recovery changed the volume through roots of its own, and some drivers keep
   // showing a root's volume as it was when it was opened: the renewal looks through a
   // root opened now.
-  FileGuard  Fresh;
-
-  (VOID)SourceRoot;
   Status = OpenRoot (SourceHandle, Fresh.Out ());
   if (EFI_ERROR (Status)) {
     return Status;
