@@ -171,6 +171,11 @@ RecoverActiveBcd (
     }
   }
 
+  // Metadata may name a group without a store: "\boot\" is no store to restore.
+  if (Group.Bcd[0] == L'\0') {
+    return EFI_COMPROMISED_DATA;
+  }
+
   StrCpyS (BcdName, VELMARO_NAME_CHARS, Group.Bcd);
   UnicodeSPrint (GroupPath, sizeof (GroupPath), L16 (u"\\boot\\%s"), Group.Bcd);
 
@@ -300,6 +305,7 @@ TakeEfiBcdDigest (
   )
 {
   PoolGuard<CHAR8>  Text;
+  CHAR16            Digest[VELMARO_MD5_CHARS];
   EFI_STATUS        Status;
 
   Status = ReadWholeFile (Root, ACTIVE_RECORD_PATH, Text.Out ());
@@ -311,7 +317,12 @@ TakeEfiBcdDigest (
     return Status;
   }
 
-  Status = FindMd5ByKey (Context->Current.BcdEfiMd5, Text.Get (), "BCD_EFI_MD5|");
+  // A record without the key leaves the digest the state file gave.
+  Status = FindMd5ByKey (Digest, Text.Get (), "BCD_EFI_MD5|");
+  if (!EFI_ERROR (Status)) {
+    StrCpyS (Context->Current.BcdEfiMd5, VELMARO_MD5_CHARS, Digest);
+  }
+
   return (Status == EFI_NOT_FOUND) ? EFI_SUCCESS : Status;
 }
 
@@ -325,7 +336,7 @@ RecoverActiveGroup (
 {
   GROUP_STATE  *Current;
   CHAR16       Name[VELMARO_NAME_CHARS];
-  CHAR16       Target[BOOT_PATH_CHARS];
+  CHAR16       Target[RECOVERY_EFI_STORE_PATH_CHARS];
   BOOLEAN      SecondPartition;
   EFI_STATUS   Status;
 

@@ -12,7 +12,9 @@
 #include <Velmaro.h>
 
 /// A group path "\efi\<Efi>" or "\<Src>" built from a current name.
-#define RECOVERY_GROUP_PATH_CHARS  144
+#define RECOVERY_GROUP_PATH_CHARS      144
+/// "\efi\microsoft\boot\<Bcd>" for any name of up to 127 characters.
+#define RECOVERY_EFI_STORE_PATH_CHARS  168
 
 /**
   Restores the current group on its recorded partition (atomic restore) or, when the

@@ -29,10 +29,17 @@ FormatCommand (
   UINTN    Length;
 
   VA_START (Marker, Format);
-  Length = UnicodeVSPrint (Command, Capacity * sizeof (CHAR16), Format, Marker);
+  Length = SPrintLength (Format, Marker);
   VA_END (Marker);
-  // UnicodeVSPrint stops one short of the end: a full buffer may be a cut command.
-  return (Length + 1 >= Capacity) ? EFI_BUFFER_TOO_SMALL : EFI_SUCCESS;
+  if (Length >= Capacity) {
+    Command[0] = L'\0';
+    return EFI_BUFFER_TOO_SMALL;
+  }
+
+  VA_START (Marker, Format);
+  UnicodeVSPrint (Command, Capacity * sizeof (CHAR16), Format, Marker);
+  VA_END (Marker);
+  return EFI_SUCCESS;
 }
 
 /** Copies the first name of a shell answer ("FS1:;BLK3:" gives "FS1:") into Name. **/
@@ -297,22 +304,14 @@ MapFromShellProtocol (
   return EFI_SUCCESS;
 }
 
-/** Frees a file-argument list the environment filled, when it can. **/
+/**
+  Asks the environment for Probe. EFI_SUCCESS when it listed Probe on the mapping Name,
+  EFI_NOT_FOUND when it did not; a failed call is returned, and what it may have left
+  in the list is not touched: freeing what the environment already let go would be
+  worse than leaving it.
+**/
 STATIC
-VOID
-ReleaseFileList (
-  IN EFI_SHELL_ENVIRONMENT2  *Environment,
-  IN LIST_ENTRY              *List
-  )
-{
-  if ((Environment->FreeFileList != nullptr) && !IsListEmpty (List)) {
-    Environment->FreeFileList (List);
-  }
-}
-
-/** TRUE when the environment lists Probe on the mapping Name. **/
-STATIC
-BOOLEAN
+EFI_STATUS
 ProbeListsOn (
   IN EFI_SHELL_ENVIRONMENT2  *Environment,
   IN CONST CHAR16            *Probe,
@@ -321,14 +320,19 @@ ProbeListsOn (
 {
   LIST_ENTRY  List;
   EFI_STATUS  Status;
-  BOOLEAN     Listed;
 
   InitializeListHead (&List);
   Status = Environment->FileMetaArgNoWildCard (const_cast<CHAR16 *>(Probe), &List);
-  Listed = !EFI_ERROR (Status) && !EFI_ERROR (FileListHasPrefix (&List, Name));
-  // Even a failed call may have left entries behind.
-  ReleaseFileList (Environment, &List);
-  return Listed;
+  if (EFI_ERROR (Status)) {
+    return Status;
+  }
+
+  Status = FileListHasPrefix (&List, Name);
+  if (Environment->FreeFileList != nullptr) {
+    Environment->FreeFileList (&List);
+  }
+
+  return EFI_ERROR (Status) ? EFI_NOT_FOUND : EFI_SUCCESS;
 }
 
 EFI_STATUS
@@ -392,10 +396,6 @@ MapSourceFsShellName (
       return EFI_SUCCESS;
     }
 
-    if (!EFI_ERROR (Status)) {
-      Status = EFI_NOT_FOUND;
-    }
-
     LogPrint (L16 (u"Shell mv: GetFsName SOURCE_FS fallito: %r (0x%lx)\n"), Status, Status);
   } else {
     LogPrint (L16 (u"Shell mv: GetFsName non disponibile, provo marker UUID\n"));
@@ -412,8 +412,12 @@ MapSourceFsShellName (
       return Status;
     }
 
-    if (!ProbeListsOn (Environment, Probe, Candidate)) {
+    Status = ProbeListsOn (Environment, Probe, Candidate);
+    if (Status == EFI_NOT_FOUND) {
       LogPrint (L16 (u"Shell mv: marker UUID non confermato su %s: %s\n"), Candidate, Probe);
+    }
+
+    if (EFI_ERROR (Status)) {
       continue;
     }
 
@@ -426,7 +430,7 @@ MapSourceFsShellName (
       return Status;
     }
 
-    if (ProbeListsOn (Environment, SourceProbe, Candidate)) {
+    if (!EFI_ERROR (ProbeListsOn (Environment, SourceProbe, Candidate))) {
       break;
     }
 

@@ -180,6 +180,13 @@ TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
   }
 }
 
+TEST_F (PhaseTest, EfiStoreDigestOfTheStateFileSurvivesARecordWithoutOne) {
+  SetField (context.Current.SrcFs, "NTFS");
+  SetField (context.Current.BcdEfiMd5, Md5Hex ("EFI store of a"));
+  RecoverActiveGroup (&context, boot.Handle (), root, context.EntriesText);
+  EXPECT_EQ (Str (context.Current.BcdEfiMd5), Md5Hex ("EFI store of a"));
+}
+
 TEST_F (PhaseTest, RecordedPartitionThatIsNowhereChangesNothing) {
   SetField (context.Current.SrcPart, "0000-0000");
   const auto before = Content (boot);

@@ -123,6 +123,12 @@ TEST_F (ShellMoveTest, ACommandThatDoesNotFitIsNeverRunCutShort) {
   EXPECT_EQ (ShellMoveEfiFolder (fw.image, sibling.Handle (), siblingRoot, W (u"1234-abcd"), W (fake::U16 (path).c_str ())), EFI_UNSUPPORTED);
   for (const std::string &command : fw.shell.commands) EXPECT_EQ (command.find ("\\efi\\"), std::string::npos) << "ran: " << command;
   EXPECT_TRUE (sibling.Exists (path + "\\s-win-b.txt"));
+
+  // One that fills its buffer to the last character still runs, whole.
+  const std::string fits = "\\efi\\" + std::string (114, 'f');   // "ls blk0:" and it: 127 characters
+  fw.shell.commands.clear ();
+  ShellMoveEfiFolder (fw.image, sibling.Handle (), siblingRoot, W (u"1234-abcd"), W (fake::U16 (fits).c_str ()));
+  EXPECT_TRUE (Ran ("ls blk0:" + fits));
 }
 
 TEST_F (ShellMoveTest, MappingNamesGetTheirColonWithinSixteenCharacters) {
