@@ -102,8 +102,8 @@ template<bool App> EFI_STATUS EFIAPI LocateHandleBuffer (EFI_LOCATE_SEARCH_TYPE 
   *buffer = nullptr;
   if (const Fault *f = Faulted<App>(Op::LocateHandleBuffer)) return f->status;
   // No protocol notifications are ever registered here, so ByRegisterNotify has no key to match.
-  if (type != ByProtocol || guid == nullptr) return EFI_INVALID_PARAMETER;
-  std::vector<EFI_HANDLE> found = Firmware::Current ().HandlesWith (*guid);
+  if ((type != ByProtocol || guid == nullptr) && type != AllHandles) return EFI_INVALID_PARAMETER;
+  std::vector<EFI_HANDLE> found = type == AllHandles ? Firmware::Current ().AllHandles () : Firmware::Current ().HandlesWith (*guid);
   if (found.empty ()) return EFI_NOT_FOUND;
   if ((*buffer = static_cast<EFI_HANDLE *>(Allocate<App>(found.size () * sizeof (EFI_HANDLE)))) == nullptr) return EFI_OUT_OF_RESOURCES;
   std::copy (found.begin (), found.end (), *buffer);
@@ -185,7 +185,17 @@ EFI_STATUS EFIAPI WaitForEvent (UINTN count, EFI_EVENT *, UINTN *index) {
   return EFI_SUCCESS;
 }
 
+// The DXE core answers EFI_NOT_FOUND for a controller no driver takes; a test says what
+// connecting does (a driver mounting a volume, now or after some polls).
+EFI_STATUS EFIAPI ConnectController (EFI_HANDLE controller, EFI_HANDLE *, EFI_DEVICE_PATH_PROTOCOL *, BOOLEAN) {
+  Firmware &fw = Firmware::Current ();
+  if (!fw.IsHandle (controller)) return EFI_INVALID_PARAMETER;
+  fw.connects++;
+  return fw.connect ? fw.connect (controller) : EFI_NOT_FOUND;
+}
+
 EFI_STATUS EFIAPI Stall (UINTN microseconds) {
+  Firmware::Current ().stalledUs += microseconds;
   Firmware::Current ().AdvanceMs (microseconds / 1000);
   return EFI_SUCCESS;
 }
@@ -234,6 +244,7 @@ template<bool App> void Fill (EFI_BOOT_SERVICES &bs, EFI_RUNTIME_SERVICES &rt) {
   bs.CalculateCrc32                      = CalculateCrc32;
   bs.WaitForEvent                        = WaitForEvent;
   bs.Stall                               = Stall;
+  bs.ConnectController                   = ConnectController;
   rt.GetTime                             = GetTime<App>;
   rt.GetVariable                         = GetVariable;
 }
@@ -319,6 +330,14 @@ void *Firmware::Find (EFI_HANDLE handle, const EFI_GUID &guid) const {
 
 bool Firmware::IsHandle (EFI_HANDLE handle) const {
   return std::any_of (installed_.begin (), installed_.end (), [&](const Installed &i) { return i.handle == handle; });
+}
+
+std::vector<EFI_HANDLE> Firmware::AllHandles () const {
+  std::vector<EFI_HANDLE> all;
+  for (const Installed &i : installed_) {
+    if (std::find (all.begin (), all.end (), i.handle) == all.end ()) all.push_back (i.handle);
+  }
+  return all;
 }
 
 std::vector<EFI_HANDLE> Firmware::HandlesWith (const EFI_GUID &guid) const {

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <deque>
+#include <functional>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -184,6 +185,7 @@ class Firmware {
   void *Find (EFI_HANDLE handle, const EFI_GUID &guid) const;
   bool IsHandle (EFI_HANDLE handle) const;
   std::vector<EFI_HANDLE> HandlesWith (const EFI_GUID &guid) const;
+  std::vector<EFI_HANDLE> AllHandles () const;   // every handle, in the order first installed
 
   // Block I/O and device path on any handle; a volume's handle takes those of its partition.
   BlockDevice &AddBlockIo (EFI_HANDLE handle, const std::vector<uint8_t> &firstBlocks, UINT32 blockSize = 512,
@@ -216,6 +218,9 @@ class Firmware {
   int OpenHandles () const;    // file handles open on all volumes
 
   Faults                     faults;
+  std::function<EFI_STATUS (EFI_HANDLE)> connect;   // what ConnectController does (none: EFI_NOT_FOUND)
+  unsigned                   connects = 0;
+  uint64_t                   stalledUs = 0;   // every Stall the application made, in total
   Shell                      shell;
   std::u16string             console;        // everything printed
   std::vector<UINTN>         attributes;     // every SetAttribute
