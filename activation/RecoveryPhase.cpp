@@ -18,8 +18,6 @@
 #include <fs/VerifiedChange.h>
 #include <Guards.h>
 
-#define ACTIVE_SOURCES_PATH  L16 (u"\\sources")
-
 VOID
 LogRecoveryStep (
   IN CONST CHAR16  *Label,

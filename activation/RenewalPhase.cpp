@@ -19,8 +19,6 @@
 #include <fs/VerifiedChange.h>
 #include <Guards.h>
 
-#define ACTIVE_SOURCES_PATH  L16 (u"\\sources")
-
 EFI_STATUS
 RebuildRequestedState (
   IN  EFI_FILE_PROTOCOL  *BootRoot,

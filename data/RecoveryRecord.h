@@ -10,6 +10,7 @@
 
 #include <Velmaro.h>
 
+#define ACTIVE_SOURCES_PATH  L16 (u"\\sources")
 #define ACTIVE_RECORD_PATH   L16 (u"\\sources\\recovery.txt")
 #define RECORD_PATH_CHARS    160
 

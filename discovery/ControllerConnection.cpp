@@ -198,8 +198,6 @@ FindVisibleSiblingSimpleFs (
   IN  BOOLEAN     Verbose
   )
 {
-  CONST EFI_DEVICE_PATH_PROTOCOL  *BootPath;
-  CONST HARDDRIVE_DEVICE_PATH     *BootPartition;
   PoolGuard<EFI_HANDLE>           Handles;
   EFI_HANDLE                      First;
   UINTN                           Count;
@@ -215,9 +213,7 @@ FindVisibleSiblingSimpleFs (
     return EFI_INVALID_PARAMETER;
   }
 
-  BootPath      = PathOf (BootHandle);
-  BootPartition = FindHardDriveNode (BootPath, nullptr);
-  if (BootPartition == nullptr) {
+  if (FindHardDriveNode (PathOf (BootHandle), nullptr) == nullptr) {
     return EFI_NOT_FOUND;
   }
 
@@ -238,13 +234,12 @@ FindVisibleSiblingSimpleFs (
     CONST EFI_DEVICE_PATH_PROTOCOL  *Path;
     CONST HARDDRIVE_DEVICE_PATH     *Partition;
 
-    Path      = (Candidate == BootHandle) ? nullptr : PathOf (Candidate);
-    Partition = FindHardDriveNode (Path, nullptr);
-    if ((Partition == nullptr) || !SameDiskSignature (BootPartition, Partition) ||
-        (Partition->PartitionNumber == BootPartition->PartitionNumber) || !SameDiskPrefix (BootPath, Path))
-    {
+    if (!IsSiblingPartition (BootHandle, Candidate)) {
       continue;
     }
+
+    Path      = PathOf (Candidate);
+    Partition = FindHardDriveNode (Path, nullptr);
 
     Siblings++;
     if (First == nullptr) {
