@@ -123,6 +123,12 @@ IsSiblingPartition (
   IN EFI_HANDLE  Second
   );
 
+/** TRUE when the handle's device path passes through a USB node. **/
+BOOLEAN
+HandleHasUsbNode (
+  IN EFI_HANDLE  Handle
+  );
+
 // --- Device paths (PartitionIdentity.cpp) ---------------------------------------
 
 /** The first Hard Drive media node before the walk ends, or null. PrefixLength gets the

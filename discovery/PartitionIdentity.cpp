@@ -524,3 +524,19 @@ IsSiblingPartition (
          (FirstPartition->PartitionNumber != SecondPartition->PartitionNumber) &&
          SameDiskPrefix (FirstPath, SecondPath);
 }
+
+BOOLEAN
+HandleHasUsbNode (
+  IN EFI_HANDLE  Handle
+  )
+{
+  CONST EFI_DEVICE_PATH_PROTOCOL  *Node;
+
+  for (Node = DevicePathOf (Handle); (Node != nullptr) && !PathWalkEnds (Node); Node = NextPathNode (Node)) {
+    if ((Node->Type == MESSAGING_DEVICE_PATH) && (Node->SubType == MSG_USB_DP)) {
+      return TRUE;
+    }
+  }
+
+  return FALSE;
+}
