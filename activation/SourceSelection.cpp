@@ -731,7 +731,7 @@ SelectSourceFs (
     Owned  = FALSE;
     Status = SelectByRequestedFiles (Context, &Handle, &Root, &Owned);
     if (EFI_ERROR (Status)) {
-      LogPrint (L16 (u"SOURCE FS da files richiesti non selezionato; continuo con BOOT FS: %r (0x%lx)\n"), Status, Status);
+      LogPrint (L16 (u"SOURCE FS da files reali non selezionato; continuo con BOOT FS: %r (0x%lx)\n"), Status, Status);
     }
   }
 

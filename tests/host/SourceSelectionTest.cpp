@@ -39,6 +39,12 @@ struct Layout {
   std::vector<std::string> lines;
 };
 
+std::string StatusText (EFI_STATUS status) {
+  CHAR16 text[64];
+  UnicodeSPrint (text, sizeof (text), W (u"%r"), status);
+  return Str (text);
+}
+
 std::string Uuid (Fs fs) { return Lower (fake::BlkidUuid (fs == Fs::Ntfs ? "ntfs" : fs == Fs::Exfat ? "exfat" : "fat32")); }
 
 void PutActiveGroup (fake::Volume &v) {
@@ -106,6 +112,9 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
     { "driver refused by device path, taken from a buffer", Path::Mbr, { { Fs::Ntfs } }, ntfs + ".uuid", "NTFS|" + ntfs, DriverAt::Boot, atOnce,
       { { Op::LoadImage, EFI_SECURITY_VIOLATION, 0, "[path]" } }, false, 1, EFI_SUCCESS, 0, { "NTFS_DRIVER: started OK" } },
   };
+  // `make bench` asks for the table of waits (VELMARO_PRINT_WAITS=1).
+  const bool print = std::getenv ("VELMARO_PRINT_WAITS") != nullptr;
+  if (print) std::printf ("%-52s %10s  %s\n", "stick layout", "waited ms", "status");
   for (const Layout &row : rows) {
     SCOPED_TRACE (row.name);
     fake::Firmware fw;
@@ -154,6 +163,7 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
     if (want == &boot) EXPECT_EQ (context.SourceRoot, bootRoot);
     if (context.SourceRootOwned) context.SourceRoot->Close (context.SourceRoot);
     EXPECT_EQ (fw.stalledUs / 1000, row.waitedMs);
+    if (print) std::printf ("%-52s %10llu  %s\n", row.name, static_cast<unsigned long long>(fw.stalledUs / 1000), StatusText (row.status).c_str ());
     EXPECT_EQ (fake::Firmware::LivePool (), pool) << "handle lists, device paths or driver buffers left allocated";
     EXPECT_EQ (fw.ImagesLoadedNotStarted (), 0u) << "an attempt left an image loaded";
     CloseLog ();
