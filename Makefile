@@ -21,9 +21,12 @@ host-test: setup
 
 # shell_move.py moves an EFI folder on a stick's second partition with OVMF's own shell,
 # through the test-only build/ShellMoveProbe.efi, and reads the stick back.
+# driver_loading.py loads the test-only build/StandInDriver.efi as the application loads a
+# file-system driver, through build/DriverProbe.efi, and judges what the log shows.
 e2e: build
 	@python3 tests/e2e/smoke_test.py
 	@python3 tests/e2e/shell_move.py
+	@python3 tests/e2e/driver_loading.py
 
 # One table of file-protocol behaviours answered twice: by the host suite's FAT volume
 # (FileBehaviourTest writes host-file-table.txt) and by OVMF's own driver through the

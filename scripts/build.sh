@@ -38,4 +38,8 @@ cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/Velmaro.efi" "$REPO/build/Velmaro.efi"
 cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/FileProbe.efi" "$REPO/build/FileProbe.efi"
 # The test-only shell-move probe (tests/probe/) for tests/e2e/shell_move.py; never for sticks.
 cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/ShellMoveProbe.efi" "$REPO/build/ShellMoveProbe.efi"
+# The test-only driver probe and the driver that starts and does nothing (tests/probe/) for
+# tests/e2e/driver_loading.py; never for sticks.
+cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/DriverProbe.efi" "$REPO/build/DriverProbe.efi"
+cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/StandInDriver.efi" "$REPO/build/StandInDriver.efi"
 echo "build: $REPO/build/Velmaro.efi"

@@ -18,7 +18,7 @@ SHELL_COUNTDOWN = "or any other key to continue"
 ANSI = re.compile(rb"\x1b\[[0-9;=?]*[A-Za-z]")
 
 
-def qemu_command(img, vars_copy):
+def qemu_command(img, vars_copy, extra_sticks=()):
     # -nodefaults drops q35's built-in DVD drive, which the firmware would otherwise
     # try (and fail) to boot first; the console then has to be named explicitly.
     return ["qemu-system-x86_64", "-machine", "q35", "-accel", "tcg", "-m", "256",
@@ -27,7 +27,9 @@ def qemu_command(img, vars_copy):
             "-drive", f"if=pflash,format=raw,file={vars_copy}",
             "-device", "qemu-xhci",
             "-drive", f"if=none,id=stick,format=raw,file={img}",
-            "-device", "usb-storage,drive=stick"]
+            "-device", "usb-storage,drive=stick"] + [
+            arg for n, more in enumerate(extra_sticks, 2)
+            for arg in ("-drive", f"if=none,id=stick{n},format=raw,file={more}", "-device", f"usb-storage,drive=stick{n}")]
 
 
 def send(proc, key):
@@ -38,10 +40,11 @@ def send(proc, key):
         pass  # QEMU is already gone; the caller sees that on its output
 
 
-def boot(img, timeout=60.0, answer_key_on=None, transcript=None, echo=True, answer_delay=0.0):
+def boot(img, timeout=60.0, answer_key_on=None, transcript=None, echo=True, answer_delay=0.0, extra_sticks=()):
     """Runs one boot. Returns a dict: powered_off, timed_out, returncode, seconds,
     answers (keys sent for answer_key_on), console (serial text without escapes).
-    answer_delay holds each answer back like a person reading the prompt first."""
+    answer_delay holds each answer back like a person reading the prompt first;
+    extra_sticks are further images, each plugged in as a USB stick of its own."""
     raw = b""
     answers = 0
     answer_at = None  # when the pending answer is due
@@ -53,7 +56,7 @@ def boot(img, timeout=60.0, answer_key_on=None, transcript=None, echo=True, answ
         vars_copy = os.path.join(tmp, "vars.fd")
         shutil.copyfile(OVMF_VARS, vars_copy)  # each run starts from pristine variables
         out = open(transcript, "wb") if transcript else None
-        proc = subprocess.Popen(qemu_command(img, vars_copy), stdin=subprocess.PIPE,
+        proc = subprocess.Popen(qemu_command(img, vars_copy, extra_sticks), stdin=subprocess.PIPE,
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         try:
             fd = proc.stdout.fileno()
