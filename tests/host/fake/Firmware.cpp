@@ -80,6 +80,7 @@ template<bool App> EFI_STATUS EFIAPI OpenProtocol (EFI_HANDLE handle, EFI_GUID *
   const bool test = attributes == EFI_OPEN_PROTOCOL_TEST_PROTOCOL;
   if (guid == nullptr || (iface == nullptr && !test)) return EFI_INVALID_PARAMETER;
   if (!test) *iface = nullptr;
+  if (App) Firmware::Current ().Tick ();
   if (const Fault *f = Faulted<App>(attributes == EFI_OPEN_PROTOCOL_BY_HANDLE_PROTOCOL ? Op::HandleProtocol : Op::OpenProtocol)) return f->status;
   if (!Firmware::Current ().IsHandle (handle)) return EFI_INVALID_PARAMETER;
   void *found = Shown<App>(handle, *guid);
@@ -100,6 +101,7 @@ template<bool App> EFI_STATUS EFIAPI LocateHandleBuffer (EFI_LOCATE_SEARCH_TYPE 
   if (count == nullptr || buffer == nullptr) return EFI_INVALID_PARAMETER;
   *count  = 0;
   *buffer = nullptr;
+  if (App) Firmware::Current ().Tick ();
   if (const Fault *f = Faulted<App>(Op::LocateHandleBuffer)) return f->status;
   // No protocol notifications are ever registered here, so ByRegisterNotify has no key to match.
   if ((type != ByProtocol || guid == nullptr) && type != AllHandles) return EFI_INVALID_PARAMETER;
@@ -117,6 +119,7 @@ template<bool App> EFI_STATUS EFIAPI LocateHandleBuffer (EFI_LOCATE_SEARCH_TYPE 
 template<bool App> EFI_STATUS EFIAPI LocateProtocol (EFI_GUID *guid, VOID *registration, VOID **iface) {
   if (guid == nullptr || iface == nullptr) return EFI_INVALID_PARAMETER;
   *iface = nullptr;
+  if (App) Firmware::Current ().Tick ();
   if (const Fault *f = Faulted<App>(Op::LocateProtocol)) return f->status;
   std::vector<EFI_HANDLE> found = Firmware::Current ().HandlesWith (*guid);
   if (registration != nullptr || found.empty ()) return EFI_NOT_FOUND;
@@ -185,18 +188,10 @@ EFI_STATUS EFIAPI WaitForEvent (UINTN count, EFI_EVENT *, UINTN *index) {
   return EFI_SUCCESS;
 }
 
-// The DXE core answers EFI_NOT_FOUND for a controller no driver takes; a test says what
-// connecting does (a driver mounting a volume, now or after some polls).
-EFI_STATUS EFIAPI ConnectController (EFI_HANDLE controller, EFI_HANDLE *, EFI_DEVICE_PATH_PROTOCOL *, BOOLEAN) {
-  Firmware &fw = Firmware::Current ();
-  if (!fw.IsHandle (controller)) return EFI_INVALID_PARAMETER;
-  fw.connects++;
-  return fw.connect ? fw.connect (controller) : EFI_NOT_FOUND;
-}
-
 EFI_STATUS EFIAPI Stall (UINTN microseconds) {
   Firmware::Current ().stalledUs += microseconds;
   Firmware::Current ().AdvanceMs (microseconds / 1000);
+  Firmware::Current ().Tick ();
   return EFI_SUCCESS;
 }
 
@@ -244,7 +239,6 @@ template<bool App> void Fill (EFI_BOOT_SERVICES &bs, EFI_RUNTIME_SERVICES &rt) {
   bs.CalculateCrc32                      = CalculateCrc32;
   bs.WaitForEvent                        = WaitForEvent;
   bs.Stall                               = Stall;
-  bs.ConnectController                   = ConnectController;
   rt.GetTime                             = GetTime<App>;
   rt.GetVariable                         = GetVariable;
 }
@@ -274,6 +268,8 @@ Firmware::Firmware () {
   counter            = counterStart;
   Fill<true>(bs, rt);
   Fill<false>(driverBs, driverRt);
+  UseImageServices (bs, true);
+  UseImageServices (driverBs, false);
   conOutMode.Attribute = EFI_LIGHTGRAY | EFI_BACKGROUND_BLACK;
   conOut.Mode          = &conOutMode;
   conOut.OutputString  = OutputString;

@@ -39,7 +39,16 @@ enum class Op {
   OpenVolume, HandleProtocol, OpenProtocol, LocateHandleBuffer, LocateProtocol,
   AllocatePool, GetTime, WaitForEvent, ReadKeyStroke, ReadBlocks,
   ShellExecute,   // the shell's Execute call itself (path: the command line)
-  ShellCommand    // the command it runs: the fault's status is the command's (path: the command line)
+  ShellCommand,   // the command it runs: the fault's status is the command's (path: the command line)
+  // The platform's security verdict on an image, asked once its bytes are in hand, as the
+  // DXE core asks: EFI_SECURITY_VIOLATION still loads the image (never to be started), any
+  // other status loads none (EFI_ACCESS_DENIED also nulls the handle). Path: the call's form,
+  // "[path]", "[buffer+path]" or "[buffer]" (so "buffer" matches both forms with a buffer,
+  // "path]" both with a path), then the names in the path's file nodes.
+  LoadImage,
+  StartImage,        // fails before the entry point runs: the image stays loaded
+  UnloadImage,
+  ConnectController  // nothing is connected
 };
 
 enum class Effect {
@@ -169,6 +178,32 @@ class Shell {
 };
 // --- end of the shell ----------------------------------------------------------------
 
+// --- Images (Images.cpp) ---------------------------------------------------------------
+// A file-system driver as a test ships it in a file (Firmware::DriverFile). Once started it
+// takes part in every ConnectController: it mounts a partition whose first block is its
+// kind's boot sector and whose volume the test made (see AddUnmountedVolume), nothing else.
+struct DriverImage {
+  Fs         kind = Fs::Ntfs;             // Fs::Ntfs or Fs::Exfat: the boot sectors it recognises
+  int64_t    mountAfterMs = 0;            // simulated time (stalls) after a connect before its file system appears; -1: never
+  bool       readOnly = false;            // mounts write-protected
+  EFI_STATUS entryStatus = EFI_SUCCESS;   // what its entry point returns
+};
+
+// An image LoadImage made; its handle carries `info` until it is unloaded.
+struct Image {
+  EFI_HANDLE                      handle = nullptr;
+  EFI_LOADED_IMAGE_PROTOCOL       info{};
+  std::vector<uint8_t>            filePath;                  // what info.FilePath points at
+  EFI_STATUS                      loadStatus = EFI_SUCCESS;  // EFI_SECURITY_VIOLATION: never to be started
+  DriverImage                     driver;
+  bool                            started = false, unloaded = false;
+  std::map<EFI_HANDLE, uint64_t>  mounts;   // controllers whose file system it has yet to publish: stalledUs then (UINT64_MAX: never)
+};
+
+// One LoadImage call. form: "path" (no buffer), "buffer+path" or "buffer"; image: the handle returned, if any.
+struct LoadCall { std::string form; EFI_HANDLE parent; EFI_STATUS status; EFI_HANDLE image; };
+// --- end of images ---------------------------------------------------------------------
+
 class Firmware {
  public:
   Firmware ();
@@ -217,8 +252,22 @@ class Firmware {
   static size_t LivePool ();   // the application's pool buffers
   int OpenHandles () const;    // file handles open on all volumes
 
+  // Images (Images.cpp). A driver file's bytes: "MZ", then the index of the driver in `drivers`.
+  std::string DriverFile (const DriverImage &driver);
+  Volume &AddUnmountedVolume (Fs fs);   // its Block I/O and boot sector there, its file system not yet mounted
+  unsigned ImagesLoadedNotStarted () const;   // neither started nor unloaded: what an attempt left behind
+  unsigned ResidentDrivers () const;          // started and still loaded
+  // Publishes the file systems drivers have mounted by now (stalledUs). Done at the
+  // application's handle lookups and stalls, between which a real driver's would appear.
+  void Tick ();
+  std::vector<DriverImage>             drivers;   // every DriverFile, by the index its bytes carry
+  std::vector<std::unique_ptr<Image>>  images;    // every image LoadImage made, unloaded ones too
+  std::vector<LoadCall>                loads;     // every LoadImage call, in order
+
   Faults                     faults;
-  std::function<EFI_STATUS (EFI_HANDLE)> connect;   // what ConnectController does (none: EFI_NOT_FOUND)
+  // What ConnectController does first, before the started drivers are tried: the call
+  // answers EFI_SUCCESS if a driver started, else what this answered (none: EFI_NOT_FOUND).
+  std::function<EFI_STATUS (EFI_HANDLE)> connect;
   unsigned                   connects = 0;
   uint64_t                   stalledUs = 0;   // every Stall the application made, in total
   Shell                      shell;
@@ -254,6 +303,8 @@ class Firmware {
   long                          driverPoolAtStart_ = 0;
   std::vector<uint8_t>          loadOptions_;
   std::map<EFI_HANDLE, std::vector<uint8_t>> devicePaths_;
+
+  void UseImageServices (EFI_BOOT_SERVICES &table, bool app);   // the drivers' table gets ConnectController alone
 };
 
 // Device paths as a USB stick's partitions carry them: PciRoot(0)/Pci(0x14,0)/USB(port,0),
@@ -262,6 +313,8 @@ std::vector<uint8_t> UsbDiskPath (uint8_t port);
 std::vector<uint8_t> WithMbrPartition (const std::vector<uint8_t> &disk, uint32_t partitionNumber, uint32_t signature);
 std::vector<uint8_t> WithGptPartition (const std::vector<uint8_t> &disk, uint32_t partitionNumber,
                                        const std::array<uint8_t, 16> &guid);
+// A device's path followed by a file-path node (a path on that volume, '\\' or '/') and End.
+std::vector<uint8_t> WithFilePath (const std::vector<uint8_t> &device, const std::string &path);
 
 // The first 4096 bytes of a small image formatted by the real tool at test time
 // ("fat32", "fat16", "ntfs", "exfat"; made once per process), and the UUID blkid reports

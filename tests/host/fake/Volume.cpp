@@ -383,6 +383,9 @@ Volume::~Volume () {
   // again; then Stop cannot free the volume. Opening every folder once lets the driver
   // free it all, so that what the drivers' pool check reports is a leak of ours.
   if (raw != nullptr) VisitFolders (RawOpen (*this, "\\").file);
+  // A volume no driver has mounted yet only hides the file system from the handle
+  // database; the FAT driver's Stop finds its volume through it.
+  if (raw != nullptr && fw.Find (handle, gEfiSimpleFileSystemProtocolGuid) == nullptr) fw.Install (handle, gEfiSimpleFileSystemProtocolGuid, raw);
   fw.DisconnectFat (handle);
   fw.RemoveDevice (device);
 }

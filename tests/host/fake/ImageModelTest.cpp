@@ -1,0 +1,170 @@
+// The fake's image services and file-system drivers against what the DXE core does: each
+// LoadImage form's answers, a security refusal that still hands over an image, starting and
+// unloading, and a started driver mounting only its own kind, at once, later or never.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "fake/Firmware.h"
+
+namespace {
+
+using fake::Fault;
+using fake::Op;
+
+const std::string kDriver = "\\efi\\boot\\ntfs_x64.efi";
+const EFI_HANDLE  kStale  = reinterpret_cast<EFI_HANDLE>(0x1);
+
+enum class Parent { App, NotImage, None };
+enum class Out { Untouched, Null, Image };
+enum class Where { Nothing, FileNode, WholePath };   // the loaded image's DeviceHandle (boot volume or none) and FilePath
+
+struct LoadRow {
+  const char  *name;
+  Parent      parent;
+  std::string file;          // on the boot volume ("disk2:" first: on a disk no handle has); empty: no path
+  const char  *buffer;       // "driver", "junk", "empty"; null: none
+  Fault       fault;
+  EFI_STATUS  status;
+  Out         out;
+  Where       where = Where::Nothing;
+};
+
+TEST (ImageModelTest, LoadImageAnswersEachFormAsTheCoreDoes) {
+  const LoadRow rows[] = {
+    { "parent not an image", Parent::NotImage, kDriver, nullptr, {}, EFI_INVALID_PARAMETER, Out::Untouched },
+    { "no parent", Parent::None, kDriver, nullptr, {}, EFI_INVALID_PARAMETER, Out::Untouched },
+    { "neither buffer nor path", Parent::App, "", nullptr, {}, EFI_INVALID_PARAMETER, Out::Untouched },
+    { "empty buffer", Parent::App, kDriver, "empty", {}, EFI_LOAD_ERROR, Out::Untouched },
+    { "missing file", Parent::App, "\\efi\\boot\\none.efi", nullptr, {}, EFI_NOT_FOUND, Out::Untouched },
+    { "folder", Parent::App, "\\efi\\boot", nullptr, {}, EFI_NOT_FOUND, Out::Untouched },
+    { "path on no file system", Parent::App, "disk2:" + kDriver, nullptr, {}, EFI_NOT_FOUND, Out::Untouched },
+    { "not an image by path", Parent::App, "\\efi\\boot\\junk.efi", nullptr, {}, EFI_LOAD_ERROR, Out::Untouched },
+    { "not an image in a buffer", Parent::App, "", "junk", {}, EFI_LOAD_ERROR, Out::Untouched },
+    { "by path", Parent::App, kDriver, nullptr, {}, EFI_SUCCESS, Out::Image, Where::FileNode },
+    { "buffer and path", Parent::App, kDriver, "driver", {}, EFI_SUCCESS, Out::Image, Where::FileNode },
+    { "buffer and a path on no device", Parent::App, "disk2:" + kDriver, "driver", {}, EFI_SUCCESS, Out::Image, Where::WholePath },
+    { "buffer alone", Parent::App, "", "driver", {}, EFI_SUCCESS, Out::Image, Where::Nothing },
+    { "security violation", Parent::App, kDriver, nullptr, { Op::LoadImage, EFI_SECURITY_VIOLATION, 0, "[path]" }, EFI_SECURITY_VIOLATION, Out::Image, Where::FileNode },
+    { "violation on bytes that are no image", Parent::App, "", "junk", { Op::LoadImage, EFI_SECURITY_VIOLATION }, EFI_LOAD_ERROR, Out::Untouched },
+    { "access denied", Parent::App, "", "driver", { Op::LoadImage, EFI_ACCESS_DENIED, 0, "[buffer]" }, EFI_ACCESS_DENIED, Out::Null },
+    { "other refusal", Parent::App, kDriver, nullptr, { Op::LoadImage, EFI_DEVICE_ERROR, 0, "ntfs_x64" }, EFI_DEVICE_ERROR, Out::Untouched },
+    { "refusal of another form", Parent::App, kDriver, "driver", { Op::LoadImage, EFI_ACCESS_DENIED, 0, "[path]" }, EFI_SUCCESS, Out::Image, Where::FileNode },
+  };
+  for (const LoadRow &row : rows) {
+    SCOPED_TRACE (row.name);
+    fake::Firmware fw;
+    fake::Volume   &boot = fw.AddVolume ();
+    const auto     disk  = fake::WithMbrPartition (fake::UsbDiskPath (1), 1, 0x5EED);
+    fw.SetDevicePath (boot.Handle (), disk);
+    const std::string driver = fw.DriverFile ({ fake::Fs::Ntfs });
+    boot.Put (kDriver, driver);
+    boot.Put ("\\efi\\boot\\junk.efi", "MZ but no image");
+    fw.faults.Add (row.fault);
+    const bool           other = row.file.rfind ("disk2:", 0) == 0;
+    std::vector<uint8_t> path  = fake::WithFilePath (other ? fake::UsbDiskPath (2) : disk, other ? row.file.substr (6) : row.file);
+    std::string          bytes = row.buffer == nullptr ? "" : row.buffer == std::string ("driver") ? driver : row.buffer == std::string ("junk") ? "junk" : "";
+    EFI_HANDLE parent = row.parent == Parent::App ? fw.image : row.parent == Parent::NotImage ? boot.Handle () : nullptr, image = kStale;
+    const size_t pool = fake::Firmware::LivePool ();
+    EXPECT_EQ (fw.bs.LoadImage (FALSE, parent, row.file.empty () ? nullptr : reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL *>(path.data ()),
+                                row.buffer == nullptr ? nullptr : bytes.data (), bytes.size (), &image), row.status);
+    EXPECT_EQ (fake::Firmware::LivePool (), pool);
+    ASSERT_EQ (fw.loads.size (), 1u);
+    EXPECT_EQ (fw.loads[0].form, row.buffer == nullptr ? "path" : row.file.empty () ? "buffer" : "buffer+path");
+    EXPECT_EQ (fw.loads[0].parent, parent);
+    EXPECT_EQ (fw.loads[0].status, row.status);
+    EXPECT_EQ (fw.loads[0].image, row.out == Out::Image ? image : nullptr);
+    EXPECT_EQ (fw.ImagesLoadedNotStarted (), row.out == Out::Image ? 1u : 0u);
+    if (row.out != Out::Image) {
+      EXPECT_EQ (image, row.out == Out::Null ? nullptr : kStale);
+      continue;
+    }
+    EFI_LOADED_IMAGE_PROTOCOL *info = nullptr;
+    ASSERT_EQ (fw.bs.HandleProtocol (image, &gEfiLoadedImageProtocolGuid, (VOID **)&info), EFI_SUCCESS);
+    EXPECT_EQ (info->ParentHandle, fw.image);
+    EXPECT_EQ (info->SystemTable, &fw.driverSt);
+    EXPECT_EQ (info->DeviceHandle, row.where == Where::FileNode ? boot.Handle () : nullptr);
+    const std::vector<uint8_t> want = row.where == Where::WholePath ? path : row.where == Where::FileNode ? fake::WithFilePath ({ 0x7F, 0xFF, 4, 0 }, kDriver) : std::vector<uint8_t>();
+    EXPECT_EQ (info->FilePath == nullptr ? std::vector<uint8_t>() : std::vector<uint8_t>((uint8_t *)info->FilePath, (uint8_t *)info->FilePath + want.size ()), want);
+    // A refused image cannot start; unloading it frees it.
+    EXPECT_EQ (fw.bs.StartImage (image, nullptr, nullptr), row.status == EFI_SECURITY_VIOLATION ? EFI_SECURITY_VIOLATION : EFI_SUCCESS);
+    EXPECT_EQ (fw.bs.UnloadImage (image), row.status == EFI_SECURITY_VIOLATION ? EFI_SUCCESS : EFI_UNSUPPORTED);
+    EXPECT_EQ (fw.ImagesLoadedNotStarted (), 0u);
+    EXPECT_EQ (fw.ResidentDrivers (), row.status == EFI_SECURITY_VIOLATION ? 0u : 1u);
+    EXPECT_EQ (fw.IsHandle (image), row.status != EFI_SECURITY_VIOLATION);
+  }
+}
+
+TEST (ImageModelTest, StartImageRunsTheEntryPointOnceAndUnloadsWhatFails) {
+  fake::Firmware fw;
+  EFI_HANDLE     good = nullptr, bad = nullptr;
+  std::string    goodBytes = fw.DriverFile ({ fake::Fs::Exfat }), badBytes = fw.DriverFile ({ fake::Fs::Ntfs, 0, false, EFI_DEVICE_ERROR });
+  ASSERT_EQ (fw.bs.LoadImage (FALSE, fw.image, nullptr, goodBytes.data (), goodBytes.size (), &good), EFI_SUCCESS);
+  ASSERT_EQ (fw.bs.LoadImage (FALSE, fw.image, nullptr, badBytes.data (), badBytes.size (), &bad), EFI_SUCCESS);
+  fw.faults.Fail (Op::StartImage, EFI_OUT_OF_RESOURCES, 1);
+  EXPECT_EQ (fw.bs.StartImage (good, nullptr, nullptr), EFI_OUT_OF_RESOURCES);
+  EXPECT_EQ (fw.ImagesLoadedNotStarted (), 2u);
+  EXPECT_EQ (fw.bs.StartImage (good, nullptr, nullptr), EFI_SUCCESS);
+  EXPECT_EQ (fw.bs.StartImage (good, nullptr, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ (fw.bs.StartImage (fw.image, nullptr, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ (fw.bs.StartImage (bad, nullptr, nullptr), EFI_DEVICE_ERROR);
+  EXPECT_FALSE (fw.IsHandle (bad));
+  EXPECT_EQ (fw.bs.UnloadImage (bad), EFI_INVALID_PARAMETER);
+  EXPECT_EQ (fw.bs.UnloadImage (good), EFI_UNSUPPORTED);
+  EXPECT_EQ (fw.ImagesLoadedNotStarted (), 0u);
+  EXPECT_EQ (fw.ResidentDrivers (), 1u);
+}
+
+struct MountRow {
+  const char                                   *name;
+  fake::DriverImage                            driver;
+  bool                                         start;
+  std::array<EFI_STATUS, 3>                    connect;   // NTFS, exFAT, FAT32 partitions
+  std::vector<std::pair<unsigned, unsigned>>   steps;     // ms stalled, then the partitions mounted (bits in that order)
+};
+
+TEST (ImageModelTest, DriverMountsOnlyItsOwnKindWhenItsTimeComes) {
+  const MountRow rows[] = {
+    { "NTFS at once", { fake::Fs::Ntfs }, true, { EFI_SUCCESS, EFI_NOT_FOUND, EFI_NOT_FOUND }, { { 0, 1 } } },
+    { "NTFS read-only", { fake::Fs::Ntfs, 0, true }, true, { EFI_SUCCESS, EFI_NOT_FOUND, EFI_NOT_FOUND }, { { 0, 1 } } },
+    { "exFAT after 300 ms", { fake::Fs::Exfat, 300 }, true, { EFI_NOT_FOUND, EFI_SUCCESS, EFI_NOT_FOUND }, { { 0, 0 }, { 299, 0 }, { 1, 2 } } },
+    { "never", { fake::Fs::Ntfs, -1 }, true, { EFI_SUCCESS, EFI_NOT_FOUND, EFI_NOT_FOUND }, { { 0, 0 }, { 10000, 0 } } },
+    { "loaded, not started", { fake::Fs::Ntfs }, false, { EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_NOT_FOUND }, { { 0, 0 } } },
+  };
+  for (const MountRow &row : rows) {
+    SCOPED_TRACE (row.name);
+    fake::Firmware fw;
+    fake::Volume  *parts[3] = { &fw.AddUnmountedVolume (fake::Fs::Ntfs), &fw.AddUnmountedVolume (fake::Fs::Exfat), &fw.AddUnmountedVolume (fake::Fs::Fat32) };
+    const std::string bytes = fw.DriverFile (row.driver);
+    EFI_HANDLE        image = nullptr;
+    ASSERT_EQ (fw.bs.LoadImage (FALSE, fw.image, nullptr, (VOID *)bytes.data (), bytes.size (), &image), EFI_SUCCESS);
+    if (row.start) ASSERT_EQ (fw.bs.StartImage (image, nullptr, nullptr), EFI_SUCCESS);
+    const size_t pool = fake::Firmware::LivePool ();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ (fw.bs.ConnectController (parts[i]->Handle (), nullptr, nullptr, TRUE), row.connect[i]) << i;
+    for (const auto &[ms, mounted] : row.steps) {
+      fw.bs.Stall (ms * 1000);
+      UINTN      count   = 0;
+      EFI_HANDLE *found  = nullptr;
+      EFI_STATUS status  = fw.bs.LocateHandleBuffer (ByProtocol, &gEfiSimpleFileSystemProtocolGuid, nullptr, &count, &found);
+      std::set<EFI_HANDLE> seen (found, found + count), want;
+      for (int i = 0; i < 3; ++i) if (mounted & (1u << i)) want.insert (parts[i]->Handle ());
+      EXPECT_EQ (status, want.empty () ? EFI_NOT_FOUND : EFI_SUCCESS);
+      EXPECT_EQ (seen, want) << "after " << ms << " ms more";
+      fw.bs.FreePool (found);
+    }
+    // What is mounted or mounting is not started on again.
+    EXPECT_EQ (fw.bs.ConnectController (parts[0]->Handle (), nullptr, nullptr, TRUE), EFI_NOT_FOUND);
+    EXPECT_EQ (fake::Firmware::LivePool (), pool);
+    EFI_SIMPLE_FILE_SYSTEM_PROTOCOL *fs   = nullptr;
+    EFI_FILE_PROTOCOL               *root = nullptr, *file = nullptr;
+    if (row.steps.back ().second != 1) continue;
+    ASSERT_EQ (fw.bs.HandleProtocol (parts[0]->Handle (), &gEfiSimpleFileSystemProtocolGuid, (VOID **)&fs), EFI_SUCCESS);
+    ASSERT_EQ (fs->OpenVolume (fs, &root), EFI_SUCCESS);
+    EXPECT_EQ (root->Open (root, &file, (CHAR16 *)L"new", EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE | EFI_FILE_MODE_CREATE, 0),
+               row.driver.readOnly ? EFI_WRITE_PROTECTED : EFI_SUCCESS);
+    if (file != nullptr) file->Close (file);
+    root->Close (root);
+  }
+}
+
+}  // namespace
