@@ -238,8 +238,9 @@ FindVisibleSiblingSimpleFs (
       continue;
     }
 
+    // Read again for the log: a second look at the handle may fail where the first did not.
     Path      = PathOf (Candidate);
-    Partition = FindHardDriveNode (Path, nullptr);
+    Partition = Path != nullptr ? FindHardDriveNode (Path, nullptr) : nullptr;
 
     Siblings++;
     if (First == nullptr) {
@@ -253,7 +254,7 @@ FindVisibleSiblingSimpleFs (
         L16 (u"Fallback SimpleFS sibling candidato FS[%u] handle=%p partition=%u path=%s\n"),
         Index,
         Candidate,
-        Partition->PartitionNumber,
+        Partition != nullptr ? Partition->PartitionNumber : 0,
         Text ? Text.Get () : L16 (u"(non disponibile)")
         );
     }

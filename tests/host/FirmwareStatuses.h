@@ -87,6 +87,16 @@ inline const std::vector<Table> &Tables () {
     // Block I/O: no medium, failed device, stale MediaId, partial block, LBA or buffer refused.
     { Op::ReadBlocks, "ReadBlocks", { { EFI_NO_MEDIA }, { EFI_DEVICE_ERROR }, { EFI_MEDIA_CHANGED }, { EFI_BAD_BUFFER_SIZE },
                                       { EFI_INVALID_PARAMETER } } },
+    // Image/Image.c CoreLoadImageCommon: refused by the platform (the image then stays loaded
+    // with its handle, or none is made), not an image, no pool, a parent that is no image.
+    { Op::LoadImage, "LoadImage", { { EFI_SECURITY_VIOLATION }, { EFI_ACCESS_DENIED }, { EFI_LOAD_ERROR }, { EFI_UNSUPPORTED },
+                                    { EFI_OUT_OF_RESOURCES }, { EFI_INVALID_PARAMETER } } },
+    // CoreStartImage: a machine type it cannot run, a refused load, a stale handle.
+    { Op::StartImage, "StartImage", { { EFI_UNSUPPORTED }, { EFI_SECURITY_VIOLATION }, { EFI_INVALID_PARAMETER } } },
+    { Op::UnloadImage, "UnloadImage", { { EFI_UNSUPPORTED }, { EFI_INVALID_PARAMETER } } },
+    // Hand/DriverSupport.c CoreConnectController: no driver takes the controller, a stale
+    // handle, a device that failed to start.
+    { Op::ConnectController, "ConnectController", { { EFI_NOT_FOUND }, { EFI_INVALID_PARAMETER }, { EFI_DEVICE_ERROR } } },
   };
   return tables;
 }

@@ -10,6 +10,7 @@
 #include <activation/BcdStores.h>
 #include <activation/RecoveryPhase.h>
 #include <activation/RenewalPhase.h>
+#include <activation/SourceSelection.h>
 #include <data/EntriesFile.h>
 #include <data/RecoveryRecord.h>
 #include <data/StateFile.h>
@@ -407,6 +408,25 @@ std::vector<Row> Rows () {
         EXPECT_EQ (OpenRoot (s.source->Handle (), &s.root), EFI_SUCCESS);
         s.context.SourceRoot = s.root;
       }, stateFile },
+    // --- Source selection ------------------------------------------------------------------
+    // Metadata put group a on the second partition: on NTFS and exFAT the driver is loaded
+    // and the partition found by its UUID; on FAT32 the boot volume stays. Whatever fails,
+    // no other volume is ever taken.
+    { "SelectSourceFs", kEvery, [](Stick &s) {
+        ACTIVATION_CONTEXT &c = s.context;
+        c.SourceHandle = nullptr, c.SourceRoot = nullptr, c.SourceRootOwned = FALSE;
+        const EFI_STATUS st = SelectSourceFs (&c);
+        if (c.SourceRootOwned) c.SourceRoot->Close (c.SourceRoot);
+        // A refused load leaves nothing; an image whose start the firmware refused before
+        // running it stays loaded, as the loading leaves it.
+        EXPECT_EQ (fake::Firmware::Current ().ImagesLoadedNotStarted (), sweep::Injecting ().op == Op::StartImage ? 1u : 0u);
+        EXPECT_EQ (c.SourceHandle, EFI_ERROR (st) ? nullptr : s.source->Handle ());
+        return st;
+      }, { PassedOn, nf }, {}, [](Stick &s) {
+        const bool exfat = s.kind == Kind::Exfat;
+        s.boot->Put (exfat ? "\\efi\\boot\\ExFatDxe_x64.efi" : "\\efi\\boot\\ntfs_x64.efi",
+                     fake::Firmware::Current ().DriverFile ({ exfat ? fake::Fs::Exfat : fake::Fs::Ntfs }));
+      } },
     { "VerifyEfiBcd", kEvery, [](Stick &s) {
         GROUP_STATE state = State ("bcd_a", "grp_a", "efi_a");
         return VerifyEfiBcd (s.root, P (u"\\efi\\microsoft\\boot\\backup\\bcd_a"), &state);

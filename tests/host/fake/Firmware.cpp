@@ -415,6 +415,29 @@ VOID *EFIAPI ReallocatePool (UINTN oldSize, UINTN newSize, VOID *old) {
 
 VOID EFIAPI FreePool (VOID *buffer) { fake::Free<true>(buffer); }
 
+// For the device-path text conversion alone (see CMakeLists.txt): the application's pool,
+// never failed.
+VOID *EFIAPI VelmaroUnfailedAllocatePool (UINTN size) {
+  void *p = std::malloc (size == 0 ? 1 : size);
+  fake::Pool ()[p] = size;
+  return p;
+}
+
+VOID *EFIAPI VelmaroUnfailedAllocateZeroPool (UINTN size) { return std::memset (VelmaroUnfailedAllocatePool (size), 0, size); }
+
+VOID *EFIAPI VelmaroUnfailedAllocateCopyPool (UINTN size, CONST VOID *source) {
+  return std::memcpy (VelmaroUnfailedAllocatePool (size), source, size);
+}
+
+VOID *EFIAPI VelmaroUnfailedReallocatePool (UINTN oldSize, UINTN newSize, VOID *old) {
+  void *p = VelmaroUnfailedAllocateZeroPool (newSize);
+  if (old != nullptr) {
+    std::memcpy (p, old, oldSize < newSize ? oldSize : newSize);
+    fake::Free<true>(old);
+  }
+  return p;
+}
+
 UINT64 EFIAPI GetPerformanceCounter (VOID) { return Firmware::Current ().counter; }
 
 UINT64 EFIAPI GetPerformanceCounterProperties (UINT64 *start, UINT64 *end) {
