@@ -21,6 +21,7 @@ struct Sibling {
   bool marker  = false;       // carries kMarker
   bool active  = false;       // the requested group is active on it
   int  disk    = 1;           // USB port of its disk; the boot volume's is 1
+  bool mounted = false;       // an NTFS or exFAT sibling the firmware mounted already
 };
 
 struct Layout {
@@ -37,6 +38,7 @@ struct Layout {
   EFI_STATUS               status;
   uint64_t                 waitedMs;
   std::vector<std::string> lines;
+  std::string              currentFs = "";   // the file system the state file gives the active group
 };
 
 std::string StatusText (EFI_STATUS status) {
@@ -95,7 +97,7 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
       { "  ERRORE: marker trovato su piu filesystem (2); stop per evitare ambiguita",
         "SOURCE FS da marker/UUID non selezionato; provo files reali: Already started (0x8000000000000014)",
         "SOURCE_FS selezionato da files richiesti: SECOND_FS handle=" } },
-    { "sibling by its UUID, without the marker file", Path::Mbr, { { Fs::Ntfs } }, ntfs + ".uuid", "", DriverAt::Nowhere, {}, {}, false, 1, EFI_SUCCESS, 0,
+    { "sibling by its UUID, without the marker file", Path::Mbr, { { Fs::Ntfs, false, false, 1, true } }, ntfs + ".uuid", "", DriverAt::Nowhere, {}, {}, false, 1, EFI_SUCCESS, 0,
       { "SOURCE_FS selezionato: SECOND_FS handle=" } },
     { "marker file on an NTFS volume of another UUID", Path::Mbr, { { Fs::Ntfs, true } }, kMarker, "NTFS|5eed-0001", DriverAt::Boot, atOnce, {}, false,
       -1, EFI_NOT_FOUND, 0,
@@ -126,7 +128,7 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
     fw.SetDevicePath (boot.Handle (), PartitionPath (row.bootPath, 1, 1));
     std::vector<fake::Volume *> siblings;
     for (const Sibling &s : row.siblings) {
-      fake::Volume &v = s.fs == Fs::Fat32 || row.fsTxt.empty () ? fw.AddVolume (s.fs) : fw.AddUnmountedVolume (s.fs);
+      fake::Volume &v = s.fs == Fs::Fat32 || s.mounted ? fw.AddVolume (s.fs) : fw.AddUnmountedVolume (s.fs);
       fw.SetDevicePath (v.Handle (), PartitionPath (row.bootPath == Path::Gpt ? Path::Gpt : Path::Mbr, s.disk, static_cast<uint32_t>(siblings.size () + 2)));
       if (s.marker) v.Put ("\\" + kMarker, "");
       if (s.active) PutActiveGroup (v);
@@ -154,6 +156,7 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
     SetField (context.GroupId, "s-win-b");
     std::memcpy (context.GroupIdAscii, "s-win-b", 8);
     context.Requested  = State ("bcd_b", "grp_b", "efi_b");
+    context.Current    = State ("bcd_a", "grp_a", "efi_a", "", row.currentFs);
     const size_t pool  = fake::Firmware::LivePool ();
 
     EXPECT_EQ (SelectSourceFs (&context), row.status);
