@@ -153,6 +153,76 @@ LoadDriverForFs (
   return EFI_UNSUPPORTED;
 }
 
+/**
+  Visits the boot volume and its sibling partitions, in the firmware's handle order, and
+  counts those Matches says hold the evidence. The first match keeps its root (Owned: one
+  opened here); every other root opened here is closed again. Matches is also asked about
+  a volume whose root would not open (VolumeRoot null, Outcome the failure). With LogList
+  the handle list is logged as the marker scan reports it.
+
+  @retval EFI_SUCCESS  *Count, *Chosen, *ChosenRoot and *ChosenOwned are set.
+  @retval other        LocateHandleBuffer failed; nothing was visited.
+**/
+template<typename MATCHES>
+STATIC
+EFI_STATUS
+ScanStickVolumes (
+  IN  EFI_HANDLE         BootHandle,
+  IN  EFI_FILE_PROTOCOL  *BootRoot,
+  IN  MATCHES            Matches,
+  IN  BOOLEAN            LogList,
+  OUT UINTN              *Count,
+  OUT EFI_HANDLE         *Chosen,
+  OUT EFI_FILE_PROTOCOL  **ChosenRoot,
+  OUT BOOLEAN            *ChosenOwned
+  )
+{
+  PoolGuard<EFI_HANDLE>  Handles;
+  UINTN                  HandleCount;
+  UINTN                  Index;
+  EFI_HANDLE             Volume;
+  EFI_FILE_PROTOCOL      *VolumeRoot;
+  BOOLEAN                VolumeOwned;
+  EFI_STATUS             Status;
+
+  *Count       = 0;
+  *Chosen      = nullptr;
+  *ChosenRoot  = nullptr;
+  *ChosenOwned = FALSE;
+  HandleCount  = 0;
+  Status       = gBS->LocateHandleBuffer (ByProtocol, &gEfiSimpleFileSystemProtocolGuid, nullptr, &HandleCount, Handles.Out ());
+  if (LogList) {
+    LogPrint (L16 (u"LocateHandleBuffer(SimpleFS) per marker: %r (0x%lx), count=%u\n"), Status, Status, EFI_ERROR (Status) ? 0 : HandleCount);
+  }
+
+  if (EFI_ERROR (Status)) {
+    return Status;
+  }
+
+  for (Index = 0; Index < HandleCount; Index++) {
+    Volume = Handles.Get ()[Index];
+    if ((Volume != BootHandle) && !IsSiblingPartition (BootHandle, Volume)) {
+      continue;
+    }
+
+    Status = RootOf (Volume, BootHandle, BootRoot, &VolumeRoot, &VolumeOwned);
+    if (!Matches (Index, Volume, EFI_ERROR (Status) ? nullptr : VolumeRoot, Status)) {
+      CloseOwned (VolumeRoot, VolumeOwned && !EFI_ERROR (Status));
+      continue;
+    }
+
+    if (++*Count == 1) {
+      *Chosen      = Volume;
+      *ChosenRoot  = VolumeRoot;
+      *ChosenOwned = VolumeOwned;
+    } else {
+      CloseOwned (VolumeRoot, VolumeOwned);
+    }
+  }
+
+  return EFI_SUCCESS;
+}
+
 EFI_STATUS
 SelectByMarker (
   IN  EFI_HANDLE         BootHandle,
@@ -163,22 +233,13 @@ SelectByMarker (
   OUT BOOLEAN            *Owned
   )
 {
-  CHAR16                 Path[MARKER_PATH_CHARS];
-  CHAR16                 Requested[UUID_TEXT_CHARS];
-  CHAR16                 VolumeUuid[UUID_TEXT_CHARS];
-  PoolGuard<EFI_HANDLE>  Handles;
-  UINTN                  Count;
-  UINTN                  Index;
-  UINTN                  Matches;
-  EFI_HANDLE             Volume;
-  EFI_HANDLE             Chosen;
-  EFI_FILE_PROTOCOL      *VolumeRoot;
-  EFI_FILE_PROTOCOL      *ChosenRoot;
-  BOOLEAN                VolumeOwned;
-  BOOLEAN                ChosenOwned;
-  BOOLEAN                Exists;
-  BOOLEAN                Match;
-  EFI_STATUS             Status;
+  CHAR16             Path[MARKER_PATH_CHARS];
+  CHAR16             Requested[UUID_TEXT_CHARS];
+  UINTN              Matches;
+  EFI_HANDLE         Chosen;
+  EFI_FILE_PROTOCOL  *ChosenRoot;
+  BOOLEAN            ChosenOwned;
+  EFI_STATUS         Status;
 
   if ((Handle == nullptr) || (Root == nullptr) || (Owned == nullptr)) {
     return EFI_INVALID_PARAMETER;
@@ -200,30 +261,21 @@ SelectByMarker (
   }
 
   LogPrint (L16 (u"Ricerca marker su SimpleFS gia disponibili: %s\n"), Path);
-  Count  = 0;
-  Status = gBS->LocateHandleBuffer (ByProtocol, &gEfiSimpleFileSystemProtocolGuid, nullptr, &Count, Handles.Out ());
-  LogPrint (L16 (u"LocateHandleBuffer(SimpleFS) per marker: %r (0x%lx), count=%u\n"), Status, Status, EFI_ERROR (Status) ? 0 : Count);
-  if (EFI_ERROR (Status)) {
-    return Status;
-  }
+  Status = ScanStickVolumes (
+             BootHandle,
+             BootRoot,
+             [&](UINTN Index, EFI_HANDLE Volume, EFI_FILE_PROTOCOL *VolumeRoot, EFI_STATUS Outcome) {
+    CHAR16      VolumeUuid[UUID_TEXT_CHARS];
+    BOOLEAN     Exists;
+    BOOLEAN     Match;
+    EFI_STATUS  OpenStatus;
 
-  Matches     = 0;
-  Chosen      = nullptr;
-  ChosenRoot  = nullptr;
-  ChosenOwned = FALSE;
-  for (Index = 0; Index < Count; Index++) {
-    Volume = Handles.Get ()[Index];
-    if ((Volume != BootHandle) && !IsSiblingPartition (BootHandle, Volume)) {
-      continue;
+    if (VolumeRoot == nullptr) {
+      LogPrint (L16 (u"  SimpleFS[%u] handle=%p open root: %r (0x%lx)\n"), Index, Volume, Outcome, Outcome);
+      return FALSE;
     }
 
-    Status = RootOf (Volume, BootHandle, BootRoot, &VolumeRoot, &VolumeOwned);
-    if (EFI_ERROR (Status)) {
-      LogPrint (L16 (u"  SimpleFS[%u] handle=%p open root: %r (0x%lx)\n"), Index, Volume, Status, Status);
-      continue;
-    }
-
-    Status        = FileExists (VolumeRoot, Path, &Exists);
+    OpenStatus    = FileExists (VolumeRoot, Path, &Exists);
     VolumeUuid[0] = L'\0';
     if ((Requested[0] != L'\0') && EFI_ERROR (ReadVolumeUuid (Volume, VolumeUuid, UUID_TEXT_CHARS))) {
       VolumeUuid[0] = L'\0';
@@ -235,30 +287,28 @@ SelectByMarker (
       Index,
       VolumeLabel (Volume, BootHandle),
       Volume,
-      Status,
-      Status,
+      OpenStatus,
+      OpenStatus,
       Exists,
       OrPlaceholder (VolumeUuid, L16 (u"(non letto)")),
       Match
       );
-    if (!Match) {
-      CloseOwned (VolumeRoot, VolumeOwned);
-      continue;
+    if (Match) {
+      LogPrint (L16 (u"  SOURCE_FS candidato trovato da marker: SimpleFS[%u] %s handle=%p\n"), Index, VolumeLabel (Volume, BootHandle), Volume);
     }
 
-    Matches++;
-    if (Matches == 1) {
-      Chosen      = Volume;
-      ChosenRoot  = VolumeRoot;
-      ChosenOwned = VolumeOwned;
-    } else {
-      CloseOwned (VolumeRoot, VolumeOwned);
-    }
-
-    LogPrint (L16 (u"  SOURCE_FS candidato trovato da marker: SimpleFS[%u] %s handle=%p\n"), Index, VolumeLabel (Volume, BootHandle), Volume);
+    return Match;
+  },
+             TRUE,
+             &Matches,
+             &Chosen,
+             &ChosenRoot,
+             &ChosenOwned
+             );
+  if (EFI_ERROR (Status)) {
+    return Status;
   }
 
-  Handles.Free ();
   if (Matches == 1) {
     *Handle = Chosen;
     *Root   = ChosenRoot;
@@ -450,18 +500,11 @@ SelectByRequestedFiles (
   IN OUT BOOLEAN             *Owned
   )
 {
-  PoolGuard<EFI_HANDLE>  Handles;
-  UINTN                  Count;
-  UINTN                  Index;
-  UINTN                  Found;
-  EFI_HANDLE             Volume;
-  EFI_HANDLE             Chosen;
-  EFI_FILE_PROTOCOL      *VolumeRoot;
-  EFI_FILE_PROTOCOL      *ChosenRoot;
-  BOOLEAN                VolumeOwned;
-  BOOLEAN                ChosenOwned;
-  BOOLEAN                Exists;
-  EFI_STATUS             Status;
+  UINTN              Found;
+  EFI_HANDLE         Chosen;
+  EFI_FILE_PROTOCOL  *ChosenRoot;
+  BOOLEAN            ChosenOwned;
+  EFI_STATUS         Status;
 
   if ((Context == nullptr) || (Handle == nullptr) || (Root == nullptr) || (Owned == nullptr) || (Context->BootHandle == nullptr) ||
       (Context->BootRoot == nullptr))
@@ -469,43 +512,25 @@ SelectByRequestedFiles (
     return EFI_INVALID_PARAMETER;
   }
 
-  Count  = 0;
-  Status = gBS->LocateHandleBuffer (ByProtocol, &gEfiSimpleFileSystemProtocolGuid, nullptr, &Count, Handles.Out ());
+  Status = ScanStickVolumes (
+             Context->BootHandle,
+             Context->BootRoot,
+             [&](UINTN, EFI_HANDLE Volume, EFI_FILE_PROTOCOL *VolumeRoot, EFI_STATUS) {
+    BOOLEAN  Exists;
+
+    // A volume whose root cannot be opened is passed over without a word.
+    return (VolumeRoot != nullptr) && !EFI_ERROR (RequestedGroupExistsOnRoot (Context, Volume, VolumeRoot, &Exists)) && Exists;
+  },
+             FALSE,
+             &Found,
+             &Chosen,
+             &ChosenRoot,
+             &ChosenOwned
+             );
   if (EFI_ERROR (Status)) {
     return Status;
   }
 
-  Found       = 0;
-  Chosen      = nullptr;
-  ChosenRoot  = nullptr;
-  ChosenOwned = FALSE;
-  for (Index = 0; Index < Count; Index++) {
-    Volume = Handles.Get ()[Index];
-    if ((Volume != Context->BootHandle) && !IsSiblingPartition (Context->BootHandle, Volume)) {
-      continue;
-    }
-
-    if (EFI_ERROR (RootOf (Volume, Context->BootHandle, Context->BootRoot, &VolumeRoot, &VolumeOwned))) {
-      continue;
-    }
-
-    Status = RequestedGroupExistsOnRoot (Context, Volume, VolumeRoot, &Exists);
-    if (EFI_ERROR (Status) || !Exists) {
-      CloseOwned (VolumeRoot, VolumeOwned);
-      continue;
-    }
-
-    Found++;
-    if (Found == 1) {
-      Chosen      = Volume;
-      ChosenRoot  = VolumeRoot;
-      ChosenOwned = VolumeOwned;
-    } else {
-      CloseOwned (VolumeRoot, VolumeOwned);
-    }
-  }
-
-  Handles.Free ();
   if (Found == 0) {
     return EFI_NOT_FOUND;
   }
