@@ -15,7 +15,7 @@ std::string Attempts (const fake::Firmware &fw, EFI_HANDLE shell) {
   std::string out;
   for (const fake::LoadCall &call : fw.loads) {
     const char *status = call.status == EFI_SUCCESS ? "ok" : call.status == EFI_SECURITY_VIOLATION ? "security"
-                       : call.status == EFI_ACCESS_DENIED ? "denied" : call.status == EFI_LOAD_ERROR ? "load-error"
+                       : call.status == EFI_ACCESS_DENIED ? "denied" : call.status == EFI_UNSUPPORTED ? "unsupported"
                        : call.status == EFI_NOT_FOUND ? "not-found" : "other";
     out += (out.empty () ? "" : " ") + call.form + "@" + (call.parent == shell ? "shell" : "app") + "=" + status;
   }
@@ -68,10 +68,10 @@ TEST (DriverLoadingTest, EveryFormParentAndVolumeIsTriedUntilOneStarts) {
       "path@app=denied buffer+path@app=denied buffer@app=denied path@shell=ok", false },
     { "own handle as parent: one candidate", "driver", "-", { denied, denied, denied }, true, EFI_ACCESS_DENIED,
       "path@app=denied buffer+path@app=denied buffer@app=denied", false },
-    { "empty file, then the other stick", "", "driver", {}, false, EFI_SUCCESS, "path@app=load-error path@shell=load-error path@app=ok", true },
-    { "not an image anywhere", "not an image", "text", {}, false, EFI_LOAD_ERROR,
-      "path@app=load-error buffer+path@app=load-error buffer@app=load-error path@shell=load-error buffer+path@shell=load-error buffer@shell=load-error "
-      "path@app=load-error buffer+path@app=load-error buffer@app=load-error path@shell=load-error buffer+path@shell=load-error buffer@shell=load-error",
+    { "empty file, then the other stick", "", "driver", {}, false, EFI_SUCCESS, "path@app=unsupported path@shell=unsupported path@app=ok", true },
+    { "not an image anywhere", "not an image", "text", {}, false, EFI_UNSUPPORTED,
+      "path@app=unsupported buffer+path@app=unsupported buffer@app=unsupported path@shell=unsupported buffer+path@shell=unsupported buffer@shell=unsupported "
+      "path@app=unsupported buffer+path@app=unsupported buffer@app=unsupported path@shell=unsupported buffer+path@shell=unsupported buffer@shell=unsupported",
       false },
     { "missing on the boot volume, no other stick", "-", "-", {}, false, EFI_NOT_FOUND, "path@app=not-found path@shell=not-found", false },
   };

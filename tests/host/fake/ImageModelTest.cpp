@@ -39,14 +39,15 @@ TEST (ImageModelTest, LoadImageAnswersEachFormAsTheCoreDoes) {
     { "missing file", Parent::App, "\\efi\\boot\\none.efi", nullptr, {}, EFI_NOT_FOUND, Out::Untouched },
     { "folder", Parent::App, "\\efi\\boot", nullptr, {}, EFI_NOT_FOUND, Out::Untouched },
     { "path on no file system", Parent::App, "disk2:" + kDriver, nullptr, {}, EFI_NOT_FOUND, Out::Untouched },
-    { "not an image by path", Parent::App, "\\efi\\boot\\junk.efi", nullptr, {}, EFI_LOAD_ERROR, Out::Untouched },
-    { "not an image in a buffer", Parent::App, "", "junk", {}, EFI_LOAD_ERROR, Out::Untouched },
+    { "not an image by path", Parent::App, "\\efi\\boot\\junk.efi", nullptr, {}, EFI_UNSUPPORTED, Out::Untouched },
+    { "empty file by path", Parent::App, "\\efi\\boot\\empty.efi", nullptr, {}, EFI_UNSUPPORTED, Out::Untouched },
+    { "not an image in a buffer", Parent::App, "", "junk", {}, EFI_UNSUPPORTED, Out::Untouched },
     { "by path", Parent::App, kDriver, nullptr, {}, EFI_SUCCESS, Out::Image, Where::FileNode },
     { "buffer and path", Parent::App, kDriver, "driver", {}, EFI_SUCCESS, Out::Image, Where::FileNode },
     { "buffer and a path on no device", Parent::App, "disk2:" + kDriver, "driver", {}, EFI_SUCCESS, Out::Image, Where::WholePath },
     { "buffer alone", Parent::App, "", "driver", {}, EFI_SUCCESS, Out::Image, Where::Nothing },
     { "security violation", Parent::App, kDriver, nullptr, { Op::LoadImage, EFI_SECURITY_VIOLATION, 0, "[path]" }, EFI_SECURITY_VIOLATION, Out::Image, Where::FileNode },
-    { "violation on bytes that are no image", Parent::App, "", "junk", { Op::LoadImage, EFI_SECURITY_VIOLATION }, EFI_LOAD_ERROR, Out::Untouched },
+    { "violation on bytes that are no image", Parent::App, "", "junk", { Op::LoadImage, EFI_SECURITY_VIOLATION }, EFI_UNSUPPORTED, Out::Untouched },
     { "access denied", Parent::App, "", "driver", { Op::LoadImage, EFI_ACCESS_DENIED, 0, "[buffer]" }, EFI_ACCESS_DENIED, Out::Null },
     { "other refusal", Parent::App, kDriver, nullptr, { Op::LoadImage, EFI_DEVICE_ERROR, 0, "ntfs_x64" }, EFI_DEVICE_ERROR, Out::Untouched },
     { "refusal of another form", Parent::App, kDriver, "driver", { Op::LoadImage, EFI_ACCESS_DENIED, 0, "[path]" }, EFI_SUCCESS, Out::Image, Where::FileNode },
@@ -60,6 +61,7 @@ TEST (ImageModelTest, LoadImageAnswersEachFormAsTheCoreDoes) {
     const std::string driver = fw.DriverFile ({ fake::Fs::Ntfs });
     boot.Put (kDriver, driver);
     boot.Put ("\\efi\\boot\\junk.efi", "MZ but no image");
+    boot.Put ("\\efi\\boot\\empty.efi", "");
     fw.faults.Add (row.fault);
     const bool           other = row.file.rfind ("disk2:", 0) == 0;
     std::vector<uint8_t> path  = fake::WithFilePath (other ? fake::UsbDiskPath (2) : disk, other ? row.file.substr (6) : row.file);

@@ -126,8 +126,11 @@ EFI_STATUS Load (Firmware &fw, const std::string &form, EFI_HANDLE parent, const
     if (security == EFI_ACCESS_DENIED) *out = nullptr;
     return security;
   }
+  // Bytes with no image header, an empty file read by path among them: the core's PE/COFF
+  // loader finds none (CoreLoadPeImage, PeCoffLoaderGetImageInfo) and the answer is
+  // EFI_UNSUPPORTED, whatever the security verdict; OVMF answers so for each form.
   const long driver = DriverIndex (bytes, fw.drivers.size ());
-  if (driver < 0) return EFI_LOAD_ERROR;
+  if (driver < 0) return EFI_UNSUPPORTED;
 
   Image &image     = *fw.images.emplace_back (std::make_unique<Image>());
   image.handle     = fw.NewHandle ();
