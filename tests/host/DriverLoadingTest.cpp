@@ -50,12 +50,13 @@ TEST (DriverLoadingTest, EveryFormParentAndVolumeIsTriedUntilOneStarts) {
   const fake::DriverImage driver{ Fs::Ntfs, -1 };
   struct Row {
     const char               *name;
-    std::string              onBoot, onOther;   // driver file bytes ("-": no file, and no other stick); "driver": a real one
+    std::string              onBoot, onOther;   // driver file bytes ("-": no file, and no other stick; "none": a stick without it); "driver": a real one
     std::vector<fake::Fault> faults;
     bool                     parentIsSelf;      // the app's ParentHandle is its own handle
     EFI_STATUS               status;
     std::string              attempts;
     bool                     fromOther;         // the image came from the other stick
+    bool                     otherOnUsb = true;  // the other volume's device path passes through USB
   };
   const fake::Fault denied{ Op::LoadImage, EFI_ACCESS_DENIED, 1 };   // each copy refuses one more call
   const Row rows[] = {
@@ -74,13 +75,19 @@ TEST (DriverLoadingTest, EveryFormParentAndVolumeIsTriedUntilOneStarts) {
       "path@app=unsupported buffer+path@app=unsupported buffer@app=unsupported path@shell=unsupported buffer+path@shell=unsupported buffer@shell=unsupported",
       false },
     { "missing on the boot volume, no other stick", "-", "-", {}, false, EFI_NOT_FOUND, "path@app=not-found path@shell=not-found", false },
+    // The last failure is reported, even when an earlier volume said more.
+    { "no image on the boot volume, no file on the other stick", "not an image", "none", {}, false, EFI_NOT_FOUND,
+      "path@app=unsupported buffer+path@app=unsupported buffer@app=unsupported path@shell=unsupported buffer+path@shell=unsupported buffer@shell=unsupported "
+      "path@app=not-found path@shell=not-found", false },
+    { "driver only on a disk that is not USB", "-", "driver", {}, false, EFI_NOT_FOUND, "path@app=not-found path@shell=not-found", false, false },
   };
   for (const Row &row : rows) {
     SCOPED_TRACE (row.name);
     Stick         s;
     fake::Volume *other = row.onOther == "-" ? nullptr : &s.Other ();
     if (row.onBoot != "-") s.boot.Put (kNtfsPath, row.onBoot == "driver" ? s.fw.DriverFile (driver) : row.onBoot);
-    if (other != nullptr) other->Put (kNtfsPath, row.onOther == "driver" ? s.fw.DriverFile (driver) : row.onOther);
+    if (other != nullptr && row.onOther != "none") other->Put (kNtfsPath, row.onOther == "driver" ? s.fw.DriverFile (driver) : row.onOther);
+    if (other != nullptr && !row.otherOnUsb) s.fw.SetDevicePath (other->Handle (), { 0x7F, 0xFF, 4, 0 });
     s.fw.loadedImage.ParentHandle = row.parentIsSelf ? s.fw.image : s.shell;
     for (const fake::Fault &f : row.faults) s.fw.faults.Add (f);
     const size_t pool  = fake::Firmware::LivePool ();
@@ -88,6 +95,9 @@ TEST (DriverLoadingTest, EveryFormParentAndVolumeIsTriedUntilOneStarts) {
     EXPECT_EQ (LoadFsDriver (s.fw.image, W (u"\\efi\\boot\\ntfs_x64.efi"), W (u"NTFS"), &image), row.status);
     EXPECT_EQ (Attempts (s.fw, s.shell), row.attempts);
     EXPECT_EQ (s.fw.ImagesLoadedNotStarted (), 0u) << "a refused or failed attempt left an image loaded";
+    // Only images a refusal handed over are unloaded: never a handle left from elsewhere.
+    EXPECT_EQ (s.fw.faults.Calls (Op::UnloadImage),
+               std::count_if (s.fw.loads.begin (), s.fw.loads.end (), [](const fake::LoadCall &c) { return EFI_ERROR (c.status) && c.image != nullptr; }));
     EXPECT_EQ (fake::Firmware::LivePool (), pool) << "a driver buffer or device path left allocated";
     EXPECT_EQ (s.fw.OpenHandles (), 0);
     EXPECT_EQ (image == nullptr, EFI_ERROR (row.status) != 0);
@@ -129,6 +139,12 @@ TEST (DriverLoadingTest, StartFailuresAndWhatTheLogShows) {
   EXPECT_EQ (Attempts (fw, s.shell), "path@app=ok path@shell=ok");
   // Both entry points returned an error status, so the firmware unloaded both images.
   EXPECT_EQ (fw.ResidentDrivers (), 0u);
+  // Without the boot device the driver still loads from another stick; the search cannot run.
+  s.Other ().Put (kNtfsPath, fw.DriverFile ({ Fs::Ntfs, -1 }));
+  fw.loadedImage.DeviceHandle = nullptr;
+  EXPECT_EQ (MountNtfsSource (fw.image, &image), EFI_NOT_FOUND);
+  EXPECT_EQ (fw.connects, 0u);
+  EXPECT_TRUE (Has (fake::Narrow (fw.console), "ERRORE: DeviceHandle FAT32 app non disponibile\r\n"));
   EXPECT_TRUE (Has (fake::Narrow (fw.console), "ERRORE: driver NTFS non caricato: Unsupported (0x8000000000000003)\r\n"));
 }
 
