@@ -117,6 +117,14 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
       EFI_SUCCESS, 0, { "NTFS_DRIVER: started OK" } },
     { "driver refused by device path, taken from a buffer", Path::Mbr, { { Fs::Ntfs } }, ntfs + ".uuid", "NTFS|" + ntfs, DriverAt::Boot, atOnce,
       { { Op::LoadImage, EFI_SECURITY_VIOLATION, 0, "[path]" } }, false, 1, EFI_SUCCESS, 0, { "NTFS_DRIVER: started OK" } },
+    // The active group lives on NTFS: before the switch its partition gets the driver,
+    // which is only worth a warning when it fails.
+    { "active group's NTFS partition unmounted", Path::Mbr, { { Fs::Ntfs } }, "", "", DriverAt::Boot, never, {}, false, 0, EFI_SUCCESS, 1200,
+      { "WARN: partizione sorella non montata, refresh driver per normalizzazione non riuscito: Not Found (0x800000000000000E)" }, "NTFS" },
+    { "active group's NTFS partition expected beside a lone boot volume", Path::Mbr, {}, Uuid (Fs::Fat32) + ".uuid", "", DriverAt::Boot, never, {},
+      false, 0, EFI_SUCCESS, 1200,
+      { "Metadata SOURCE FS: indizi atomici indicano una partizione sorella attesa; provo refresh driver richiesto prima della normalizzazione",
+        "WARN: refresh driver metadata prima della normalizzazione non riuscito: Not Found (0x800000000000000E)" }, "NTFS" },
   };
   // `make bench` asks for the table of waits (VELMARO_PRINT_WAITS=1).
   const bool print = std::getenv ("VELMARO_PRINT_WAITS") != nullptr;
