@@ -44,16 +44,6 @@ STATIC CONST DRIVER_KIND  mExfatDriver = {
 
 STATIC
 VOID
-LogStatusLine (
-  IN CONST CHAR16  *Label,
-  IN EFI_STATUS    Status
-  )
-{
-  LogPrint (L16 (u"  %-34s: %r (0x%lx)\n"), Label, Status, Status);
-}
-
-STATIC
-VOID
 LogAdvancedStatusLine (
   IN CONST CHAR16  *Label,
   IN EFI_STATUS    Status

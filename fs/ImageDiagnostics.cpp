@@ -97,6 +97,15 @@ PrintHandleDevicePath (
 }
 
 VOID
+LogStatusLine (
+  IN CONST CHAR16  *Label,
+  IN EFI_STATUS    Status
+  )
+{
+  LogPrint (L16 (u"  %-34s: %r (0x%lx)\n"), Label, Status, Status);
+}
+
+VOID
 DumpLoadedImage (
   IN CONST CHAR16  *Label,
   IN EFI_HANDLE    ImageHandle
@@ -110,7 +119,7 @@ DumpLoadedImage (
   }
 
   Status = OpenLoadedImage (ImageHandle, &Image, ImageHandle, Label);
-  LogPrint (L16 (u"  %-34s: %r (0x%lx)\n"), Label, Status, Status);
+  LogStatusLine (Label, Status);
   if (EFI_ERROR (Status) || (Image == nullptr)) {
     return;
   }

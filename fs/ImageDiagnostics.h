@@ -38,6 +38,13 @@ PrintHandleDevicePath (
   IN EFI_HANDLE    Handle
   );
 
+/** One step's outcome as the log lines them up: "  <label, 34 wide>: <status> (0x..)". **/
+VOID
+LogStatusLine (
+  IN CONST CHAR16  *Label,
+  IN EFI_STATUS    Status
+  );
+
 VOID
 DumpLoadedImage (
   IN CONST CHAR16  *Label,
