@@ -11,6 +11,9 @@ TARGET="${VELMARO_TARGET:-RELEASE}"
 
 WS="$REPO/build/edk2-ws"
 mkdir -p "$WS/Conf"
+# One build at a time in this workspace: two at once would overwrite each other's objects.
+exec 9>"$REPO/build/.build.lock"
+flock 9
 ln -sfn "$REPO" "$WS/VelmaroPkg"
 
 export WORKSPACE="$WS"
