@@ -45,4 +45,5 @@ cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/ShellMoveProbe.efi" "$REPO/build/ShellM
 # tests/e2e/driver_loading.py; never for sticks.
 cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/DriverProbe.efi" "$REPO/build/DriverProbe.efi"
 cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/StandInDriver.efi" "$REPO/build/StandInDriver.efi"
+cp "$WS/Build/Velmaro/${TARGET}_GCC5/X64/StandInInstaller.efi" "$REPO/build/StandInInstaller.efi"  # every test group's bootx64.efi
 echo "build: $REPO/build/Velmaro.efi"

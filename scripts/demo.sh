@@ -1,23 +1,35 @@
 #!/usr/bin/env bash
-# Builds Velmaro, puts it on a sample stick (build/demo/stick.img) that runs it with the
-# group ID s-win-demo, boots the stick in QEMU with its console on this terminal, then
-# shows the log the run left on the stick.
+# Builds Velmaro and a sample stick (build/demo/stick.img) with three installer groups,
+# s-win-a active, s-win-b and s-win-c under their own names, each with a stand-in for the
+# installer's boot program. Boots it in QEMU switching to s-win-b, then again switching back
+# to s-win-a, and after each boot shows the stick, the log Velmaro left on it and the line
+# the started installer printed.
 set -euo pipefail
 REPO="$(cd "$(dirname "$0")/.." && pwd)"
-IMG="$REPO/build/demo/stick.img"
+DEMO="$REPO/build/demo"
+IMG="$DEMO/stick.img"
+E2E="$REPO/tests/e2e"
 
 bash "$REPO/scripts/build.sh"
-mkdir -p "$REPO/build/demo"
-bash "$REPO/tests/e2e/make_stick.sh" "$IMG" --options s-win-demo
-python3 "$REPO/tests/e2e/run_qemu.py" "$IMG" --timeout 60 \
-  --answer-key-on "Premere un tasto per continuare"
-
-export MTOOLS_SKIP_CHECK=1
+mkdir -p "$DEMO"
+python3 "$E2E/sticks.py" demo "$IMG" s-win-b
 echo
-echo "---- \\velmaro_log.txt read back from the stick ----"
-# The log is UTF-16LE with CR LF line ends; show it as plain text.
-mtype -i "$IMG@@1M" ::/velmaro_log.txt \
-  | python3 -c 'import sys; sys.stdout.write(sys.stdin.buffer.read().decode("utf-16-le").replace("\r\n", "\n"))'
-# The shell writes the status with a byte-order mark; the utf-16 codec drops it.
-echo "---- status recorded by the shell: $(mtype -i "$IMG@@1M" ::/status.txt \
-  | python3 -c 'import sys; print(sys.stdin.buffer.read().decode("utf-16").strip())') ----"
+echo "==== the stick before: s-win-a active (\\boot\\BCD, \\sources, \\efi\\microsoft) ===="
+python3 "$E2E/sticks.py" show "$IMG"
+
+boot() {  # boot N GROUP: boots the stick, whose startup.nsh runs Velmaro with GROUP
+  echo
+  echo "==== boot $1: Velmaro.efi $2 (UEFI Shell, startup.nsh) ===="
+  python3 "$E2E/run_qemu.py" "$IMG" --timeout 60 --quiet --transcript "$DEMO/boot$1.serial.txt" \
+    --answer-key-on "Premere un tasto per continuare" --answer-delay 1
+  echo
+  echo "==== the stick after boot $1 ===="
+  python3 "$E2E/sticks.py" show "$IMG" --log
+  echo "==== the installer started by Velmaro said ===="
+  grep -a "STAND-IN INSTALLER" "$DEMO/boot$1.serial.txt" | tr -d '\r' || echo "(no installer was started)"
+}
+
+boot 1 s-win-b
+# The load options of the next boot: a new \startup.nsh, written with mtools.
+bash "$E2E/make_stick.sh" "$IMG" --startup-only --options s-win-a >/dev/null
+boot 2 s-win-a
