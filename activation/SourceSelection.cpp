@@ -680,6 +680,25 @@ SelectSourceFs (
     LogPrint (L16 (u"Metadata SOURCE FS da software.xml non usato: %r (0x%lx)\n"), Status, Status);
   }
 
+  // Both states as the run knows them before any choice is made: a technician reading the
+  // log of a failed switch sees where the stick stood and what was asked.
+  LogPrint (
+    L16 (u"Stato corrente: BCD=%s SRC=%s EFI=%s SRC_PART=%s SRC_FS=%s\n"),
+    Context->Current.Bcd,
+    Context->Current.Src,
+    Context->Current.Efi,
+    (Context->Current.SrcPart[0] != L'\0') ? Context->Current.SrcPart : L16 (u"(assente)"),
+    (Context->Current.SrcFs[0] != L'\0') ? Context->Current.SrcFs : L16 (u"(assente/FAT32)")
+    );
+  LogPrint (
+    L16 (u"Stato richiesto: BCD=%s SRC=%s EFI=%s SRC_PART=%s SRC_FS=%s\n"),
+    Context->Requested.Bcd,
+    Context->Requested.Src,
+    Context->Requested.Efi,
+    (Context->Requested.SrcPart[0] != L'\0') ? Context->Requested.SrcPart : L16 (u"(assente)"),
+    (Context->Requested.SrcFs[0] != L'\0') ? Context->Requested.SrcFs : L16 (u"(assente)")
+    );
+
   MarkerName[0] = L'\0';
   if (Context->SourceMetadataApplied && (Context->Requested.SrcPart[0] != L'\0')) {
     UnicodeSPrint (MarkerName, sizeof (MarkerName), L16 (u"%s.uuid"), Context->Requested.SrcPart);

@@ -20,18 +20,26 @@ class EntryPointTest : public HostTest {
   }
 };
 
-TEST_F (EntryPointTest, GroupIdRunLogsBannerModeAndId) {
-  EXPECT_EQ (Run (u"s-win-abc"), EFI_SUCCESS);
-  EXPECT_EQ (Lines (LogText ()).size (), 10u);
-  EXPECT_EQ (Tail (5), (std::vector<std::string>{ "Velmaro UEFI", "Target: X64", "Modalita: FAT32 legacy test", "ID ricevuto: s-win-abc",
-                                                  "=== Velmaro log end ===" }));
-  EXPECT_EQ (fw.keyWaits, 0u);
+// A volume that is no prepared stick: the run gets as far as reading the entries file.
+TEST_F (EntryPointTest, GroupIdRunLogsBannerModeAndIdThenRunsTheSwitch) {
+  EXPECT_EQ (Run (u"s-win-abc"), EFI_NOT_FOUND);
+  const std::vector<std::string> lines = Lines (LogText ());
+  ASSERT_GE (lines.size (), 11u);
+  EXPECT_EQ (std::vector<std::string>(lines.begin () + 5, lines.begin () + 10),
+             (std::vector<std::string>{ "Velmaro UEFI", "Target: X64", "Modalita: FAT32 legacy test", "ID ricevuto: s-win-abc",
+                                        "VELMARO_APP: started from FAT32 partition 1" }));
+  EXPECT_EQ (Tail (5), (std::vector<std::string>{ "", "ERRORE: esecuzione Velmaro non riuscita: Not Found (0x800000000000000E)", "",
+                                                  "Premere un tasto per continuare...", "=== Velmaro log end ===" }));
+  EXPECT_EQ (fw.keyWaits, 1u);
 }
 
 TEST_F (EntryPointTest, AutoRunsTheNormalMode) {
-  EXPECT_EQ (Run (u"auto s-win-abc"), EFI_SUCCESS);
-  EXPECT_EQ (Tail (3), (std::vector<std::string>{ "Modalita: auto futura non ancora implementata, uso FAT32 legacy test",
-                                                  "ID ricevuto: s-win-abc", "=== Velmaro log end ===" }));
+  EXPECT_EQ (Run (u"auto s-win-abc"), EFI_NOT_FOUND);
+  const std::vector<std::string> lines = Lines (LogText ());
+  ASSERT_GE (lines.size (), 10u);
+  EXPECT_EQ (std::vector<std::string>(lines.begin () + 7, lines.begin () + 10),
+             (std::vector<std::string>{ "Modalita: auto futura non ancora implementata, uso FAT32 legacy test", "ID ricevuto: s-win-abc",
+                                        "VELMARO_APP: started from FAT32 partition 1" }));
 }
 
 TEST_F (EntryPointTest, FailuresEndWithErrorLineKeyWaitAndStatus) {
@@ -39,7 +47,9 @@ TEST_F (EntryPointTest, FailuresEndWithErrorLineKeyWaitAndStatus) {
   const struct { std::u16string options; EFI_STATUS status; std::string mode, line; } rows[] = {
     { u"", EFI_NOT_FOUND, "Modalita: FAT32 legacy test", failed + "Not Found (0x800000000000000E)" },
     { u"S-WIN-abc", EFI_NOT_FOUND, "Modalita: FAT32 legacy test", failed + "Not Found (0x800000000000000E)" },
-    { u"ntfs-test auto s-win-abc", EFI_UNSUPPORTED, "Modalita: NTFS engine test", failed + "Unsupported (0x8000000000000003)" },
+    // No driver file anywhere: the test mode stops before touching any volume.
+    { u"ntfs-test auto s-win-abc", EFI_NOT_FOUND, "ERRORE: driver NTFS non caricato: Not Found (0x800000000000000E)",
+      failed + "Not Found (0x800000000000000E)" },
     { u"s-win-" + std::u16string (122, u'x'), EFI_BUFFER_TOO_SMALL, "Modalita: FAT32 legacy test",
       failed + "Buffer Too Small (0x8000000000000005)" },
   };

@@ -152,6 +152,26 @@ inline void ExpectNoGroupDataLost (const VolumeSnapshot &beforeAsStored, const f
   }
 }
 
+// What a prepared stick holds for group g, on volume v, under the active names or its own:
+// its store (bytes "store of <id>") with backup and digest, its source folder with marker
+// and record, its EFI folder with marker and boot manager.
+inline std::string StoreOf (const GroupNames &g) { return "store of " + g.id; }
+
+inline std::string Record (const GroupNames &g) { return "ID|" + g.id + "\r\nSRC|" + g.src + "\r\nBCD_MD5|" + Md5Hex (StoreOf (g)) + "\r\n"; }
+
+inline void PutGroup (fake::Volume &v, const GroupNames &g, bool active) {
+  const std::string store = active ? "\\boot\\BCD" : "\\boot\\" + g.bcd, src = active ? "\\sources" : "\\" + g.src;
+  const std::string efi   = active ? "\\efi\\microsoft" : "\\efi\\" + g.efi;
+  v.Put (store, StoreOf (g));
+  v.Put ("\\boot\\backup\\" + g.bcd, StoreOf (g));
+  v.Put ("\\boot\\backup\\" + g.bcd + ".md5", Md5Hex (StoreOf (g)) + "\r\n");
+  v.Put (src + "\\" + g.id + ".txt", "");
+  v.Put (src + "\\recovery.txt", Record (g));
+  v.Put (src + "\\install.wim", "image of " + g.id);
+  v.Put (efi + "\\" + g.id + ".txt", "");
+  v.Put (efi + "\\boot\\bootmgfw.efi", "boot manager of " + g.id);
+}
+
 // A stick: the boot volume (FAT32, partition 1) and a sibling NTFS partition 2, both
 // roots and the log open; the entries file knows groups a and b, and the run asks for a.
 class StickTest : public HostTest {

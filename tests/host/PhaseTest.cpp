@@ -13,8 +13,6 @@ namespace {
 const std::vector<GroupNames> kGroups = { { "bcd_a", "grp_a", "efi_a", "s-win-a" }, { "bcd_b", "grp_b", "efi_b", "s-win-b" },
                                           { "bcd_c", "grp_c", "efi_c", "s-win-c" } };
 
-std::string StoreOf (const GroupNames &g) { return "store of " + g.id; }
-
 // The volume's content apart from the log, which every run writes.
 VolumeSnapshot Content (const fake::Volume &v) {
   VolumeSnapshot content = v.Snapshot ();
@@ -42,22 +40,6 @@ class PhaseTest : public HostTest {
     context.EntriesText = reinterpret_cast<CHAR8 *>(entries.data ());
     context.ImageHandle = fw.image;
     context.Current     = State ("bcd_a", "grp_a", "efi_a", uuid, "FAT32");
-  }
-
-  // A record as the stick was prepared with it: the group, its folder and its store's digest.
-  static std::string Record (const GroupNames &g) { return "ID|" + g.id + "\r\nSRC|" + g.src + "\r\nBCD_MD5|" + Md5Hex (StoreOf (g)) + "\r\n"; }
-
-  static void PutGroup (fake::Volume &v, const GroupNames &g, bool active) {
-    const std::string store = active ? "\\boot\\BCD" : "\\boot\\" + g.bcd, src = active ? "\\sources" : "\\" + g.src;
-    const std::string efi   = active ? "\\efi\\microsoft" : "\\efi\\" + g.efi;
-    v.Put (store, StoreOf (g));
-    v.Put ("\\boot\\backup\\" + g.bcd, StoreOf (g));
-    v.Put ("\\boot\\backup\\" + g.bcd + ".md5", Md5Hex (StoreOf (g)) + "\r\n");
-    v.Put (src + "\\" + g.id + ".txt", "");
-    v.Put (src + "\\recovery.txt", Record (g));
-    v.Put (src + "\\install.wim", "image of " + g.id);
-    v.Put (efi + "\\" + g.id + ".txt", "");
-    v.Put (efi + "\\boot\\bootmgfw.efi", "boot manager of " + g.id);
   }
 
   EFI_STATUS Recover () { return RunRecoveryPhase (&context, context.EntriesText); }

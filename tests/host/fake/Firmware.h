@@ -187,6 +187,7 @@ struct DriverImage {
   int64_t    mountAfterMs = 0;            // simulated time (stalls) after a connect before its file system appears; -1: never
   bool       readOnly = false;            // mounts write-protected
   EFI_STATUS entryStatus = EFI_SUCCESS;   // what its entry point returns
+  bool       application = false;         // an application (the installer): mounts nothing, unloaded once it returns
 };
 
 // An image LoadImage made; its handle carries `info` until it is unloaded.
@@ -254,6 +255,9 @@ class Firmware {
 
   // Images (Images.cpp). A driver file's bytes: "MZ", then the index of the driver in `drivers`.
   std::string DriverFile (const DriverImage &driver);
+  // An application's file whose entry point returns exitStatus (a stand-in installer).
+  std::string ApplicationFile (EFI_STATUS exitStatus) { return DriverFile ({ Fs::Fat32, -1, false, exitStatus, true }); }
+  const Image *StartedApplication () const;   // the last application started, if any
   Volume &AddUnmountedVolume (Fs fs);   // its Block I/O and boot sector there, its file system not yet mounted
   unsigned ImagesLoadedNotStarted () const;   // neither started nor unloaded: what an attempt left behind
   unsigned ResidentDrivers () const;          // started and still loaded

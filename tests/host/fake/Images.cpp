@@ -181,7 +181,8 @@ EFI_STATUS EFIAPI StartImage (EFI_HANDLE handle, UINTN *exitDataSize, CHAR16 **e
   if (EFI_ERROR (image->loadStatus)) return image->loadStatus;
   image->started = true;
   if (exitDataSize != nullptr && exitData != nullptr) *exitDataSize = 0, *exitData = nullptr;
-  if (EFI_ERROR (image->driver.entryStatus)) Unload (fw, *image);
+  // The core unloads an application once its entry point returns, and a driver that failed.
+  if (EFI_ERROR (image->driver.entryStatus) || image->driver.application) Unload (fw, *image);
   return image->driver.entryStatus;
 }
 
@@ -215,7 +216,7 @@ bool HasBootSector (const Firmware &fw, EFI_HANDLE controller, Fs kind) {
 // A resident driver's Supported and Start: a partition of its kind whose volume no
 // driver has mounted or is mounting. Start only schedules the mount.
 bool StartOn (Firmware &fw, Image &driver, EFI_HANDLE controller) {
-  if (!driver.started || driver.unloaded || fw.Find (controller, gEfiSimpleFileSystemProtocolGuid) != nullptr) return false;
+  if (!driver.started || driver.unloaded || driver.driver.application || fw.Find (controller, gEfiSimpleFileSystemProtocolGuid) != nullptr) return false;
   for (const auto &image : fw.images) {
     if (image->mounts.count (controller) != 0) return false;   // EFI_ALREADY_STARTED or EFI_ACCESS_DENIED
   }
@@ -265,6 +266,13 @@ Volume &Firmware::AddUnmountedVolume (Fs fs) {
 
 unsigned Firmware::ImagesLoadedNotStarted () const {
   return static_cast<unsigned>(std::count_if (images.begin (), images.end (), [](const auto &i) { return !i->started && !i->unloaded; }));
+}
+
+const Image *Firmware::StartedApplication () const {
+  for (auto it = images.rbegin (); it != images.rend (); ++it) {
+    if ((*it)->started && (*it)->driver.application) return it->get ();
+  }
+  return nullptr;
 }
 
 unsigned Firmware::ResidentDrivers () const {
