@@ -23,10 +23,13 @@ host-test: setup
 # through the test-only build/ShellMoveProbe.efi, and reads the stick back.
 # driver_loading.py loads the test-only build/StandInDriver.efi as the application loads a
 # file-system driver, through build/DriverProbe.efi, and judges what the log shows.
+# scenarios.py switches installer groups on whole sticks (the test-only
+# build/StandInInstaller.efi is every group's installer) and judges each stick read back.
 e2e: build
 	@python3 tests/e2e/smoke_test.py
 	@python3 tests/e2e/shell_move.py
 	@python3 tests/e2e/driver_loading.py
+	@python3 tests/e2e/scenarios.py
 
 # One table of file-protocol behaviours answered twice: by the host suite's FAT volume
 # (FileBehaviourTest writes host-file-table.txt) and by OVMF's own driver through the

@@ -195,9 +195,10 @@ def first_boot():
         "Ripristino atomico: SRC_PART corrente assente, uso recovery legacy su partizioni visibili\n",
         f"recovery BCD: BCD={a.bcd} OK\n", "recovery SRC: SRC=(unknown) SKIP (not active)\n",
         "recovery EFI: EFI=(unknown) SKIP (not active)\n", f"Ripristino atomico: VELMARO.COM reset verificato: {OK}\n",
-        "\nrenewal phase\n", "Fase rinomina: destinazione \\sources contiene ID diverso valido s-win-a, normalizzo in \\grp_a\n",
-        "Fase rinomina: destinazione \\efi\\microsoft contiene ID diverso valido s-win-a, normalizzo in \\efi\\efi_a\n"]
-        + success_lines(uuid))
+        "\nrenewal phase\n"] + success_lines(uuid)[:1]
+        + ["Fase rinomina: destinazione \\sources contiene ID diverso valido s-win-a, normalizzo in \\grp_a\n",
+           "Fase rinomina: destinazione \\efi\\microsoft contiene ID diverso valido s-win-a, normalizzo in \\efi\\efi_a\n"]
+        + success_lines(uuid)[1:])
     judge(stick, {b.id})
     grown = {g.id: stick.read(1, f"{g.src}/recovery.txt") for g in (a, c)} | {b.id: stick.read(1, "sources/recovery.txt")}
     check("the records of s-win-a and s-win-b gained SRC_PART and SRC_FS of partition 1, s-win-c's is untouched",
