@@ -116,6 +116,7 @@ def expect_tree(stick, part, want, what):
                 continue
         if have != should:
             differ.append(f"{path}: {described(have)} where {described(should)}")
+    check(f"fsck.fat finds partition {part} consistent", *stick.fsck(part))
     return check(f"partition {part}: {what}", not differ, "; ".join(differ[:8]) + (" ..." if len(differ) > 8 else ""))
 
 

@@ -140,6 +140,16 @@ class Stick:
                     out[path.lower() if fold else path] = DIR if os.path.isdir(full) else open(full, "rb").read()
             return out
 
+    def fsck(self, part):
+        """fsck.fat's verdict on a partition, read-only: (consistent, its words)."""
+        end = {1: P2_START * SECTOR, 2: (P2_START + P2_SECTORS) * SECTOR}[part]
+        with tempfile.NamedTemporaryFile() as copy, open(self.img, "rb") as f:
+            f.seek(OFFSETS[part])
+            copy.write(f.read(end - OFFSETS[part]))
+            copy.flush()
+            done = subprocess.run(["fsck.fat", "-n", copy.name], capture_output=True)
+        return done.returncode == 0, (done.stdout + done.stderr).decode(errors="replace").strip().replace("\n", " | ")
+
     def delete_run_files(self):
         for part in self.parts:
             for path in RUN_FILES:
