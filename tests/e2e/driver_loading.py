@@ -23,13 +23,13 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
 sys.path.insert(0, HERE)
 import run_qemu  # noqa: E402
+from sticks import add_fat32, put  # noqa: E402
 
 PROBE = os.path.join(REPO, "build", "DriverProbe.efi")
 DRIVER = os.path.join(REPO, "build", "StandInDriver.efi")
 WORK = os.path.join(REPO, "build", "e2e")
 QEMU_LIMIT = 40  # seconds; a boot with the probe takes well under half of it under TCG
-SECTOR, PART_SECTORS = 512, 81920  # 40 MiB partitions: one sector per cluster keeps them FAT32
-MTOOLS_ENV = dict(os.environ, MTOOLS_SKIP_CHECK="1")
+PART_SECTORS = 81920  # 40 MiB partitions
 OK, UNSUPPORTED, NOT_FOUND, ALREADY_STARTED = "0x0", "0x8000000000000003", "0x800000000000000E", "0x8000000000000014"
 STAMP = re.compile(r"^\[\+\d+ ms\] ")
 ATTEMPT = re.compile(r"^Tentativo driver (?:dal device dell'app|da filesystem USB (\d+)), parent candidate (\d+)/(\d+):")
@@ -67,29 +67,11 @@ def facts(text):
     return found
 
 
-def run(*argv, data=None):
-    done = subprocess.run(argv, input=data, capture_output=True, env=MTOOLS_ENV)
-    if done.returncode != 0:
-        sys.exit(f"driver_loading: {argv[:4]}: {done.stderr.decode(errors='replace')}")
-
-
-def put(fs, files):
-    """Files ("a/b/name": bytes) onto an mtools volume, their folders first."""
-    for path, data in files.items():
-        run("mmd", "-D", "s", "-i", fs, *(f"::/{'/'.join(path.split('/')[:i])}" for i in range(1, path.count("/") + 1)))
-        run("mcopy", "-i", fs, "-", "::/" + path, data=data)
-
-
 def add_fat(img, number, label, files=None, new=False):
     """Partition `number`, 40 MiB of FAT32 with files: on a new stick at 1 MiB, else after
     make_stick.sh's 64 MiB."""
     start = 2048 if new else 64 * 2048 + (number - 2) * PART_SECTORS
-    if new:
-        open(img, "wb").close()
-    os.truncate(img, max(os.path.getsize(img), (start + PART_SECTORS) * SECTOR))
-    run("sfdisk", "-q", *(["--label", "dos"] if new else ["--append"]), img, data=f"start={start}, size={PART_SECTORS}, type=c\n".encode())
-    run("mkfs.fat", "-F", "32", "-s", "1", "-h", str(start), "--offset", str(start), "-n", label, img, str(PART_SECTORS // 2))
-    put(f"{img}@@{start * SECTOR}", files or {})
+    put(add_fat32(img, start, PART_SECTORS, label, new=new), files or {})
 
 
 def ovmf_log(name, layout, reuse):

@@ -17,19 +17,18 @@ decoy \\efi\\efi_b without the marker that must stay untouched) plus a partition
 
 Sticks and serial transcripts stay in build/e2e/.
 """
-import os, re, subprocess, sys, tempfile
+import os, re, subprocess, sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
 sys.path.insert(0, HERE)
 import run_qemu  # noqa: E402
+from sticks import P2_SECTORS, P2_START, SECTOR, Stick, add_fat32, put  # noqa: E402
 
 PROBE = os.path.join(REPO, "build", "ShellMoveProbe.efi")
 WORK = os.path.join(REPO, "build", "e2e")
 QEMU_LIMIT = 40  # seconds; a boot with the move takes well under half of it under TCG
-SECTOR = 512
-P1 = "@@1M"  # make_stick.sh's partition fills the first 64 MiB
-P2_START, P2_SECTORS = 64 * 2048, 81920  # 40 MiB: one sector per cluster keeps it FAT32
+P1 = "@@1M"  # make_stick.sh's partition fills the first 64 MiB; partition 2 follows it
 MTOOLS_ENV = dict(os.environ, MTOOLS_SKIP_CHECK="1")
 EFI_SUCCESS, EFI_ALREADY_STARTED, EFI_ERROR_BIT = 0, 0x8000000000000014, 0x8000000000000000
 
@@ -79,18 +78,9 @@ def tree(fs):
 def make_stick(img, uuid, options, active_exists, zero_dated):
     subprocess.run(["bash", os.path.join(HERE, "make_stick.sh"), img, "--efi", PROBE, "--options", options],
                    check=True, stdout=subprocess.DEVNULL)
-    os.truncate(img, (P2_START + P2_SECTORS) * SECTOR)
-    subprocess.run(["sfdisk", "-q", "--append", img], input=f"start={P2_START}, size={P2_SECTORS}, type=c\n".encode(),
-                   check=True)
-    subprocess.run(["mkfs.fat", "-F", "32", "-s", "1", "-h", str(P2_START), "--offset", str(P2_START), "-n", "SOURCE",
-                    "-i", uuid.replace("-", ""), img, str(P2_SECTORS // 2)], check=True, stdout=subprocess.DEVNULL)
-    p2 = f"{img}@@{P2_START * SECTOR}"
-    mtools("mmd", "-i", img + P1, "::/efi", "::/efi/efi_b")
-    mtools("mcopy", "-i", img + P1, "-", "::/efi/efi_b/s-win-a.txt", data=DECOY)
-    files = files_of(uuid, False, active_exists)
-    mtools("mmd", "-i", p2, *(f"::/{d[:-1]}" for d in sorted(tree_of(files)) if d.endswith("/")))
-    for path, data in files.items():
-        mtools("mcopy", "-i", p2, "-", "::/" + path, data=data)
+    p2 = add_fat32(img, P2_START, P2_SECTORS, "SOURCE", serial=uuid.replace("-", ""))
+    put(img + P1, {"efi/efi_b/s-win-a.txt": DECOY})
+    put(p2, files_of(uuid, False, active_exists))
     if zero_dated:  # creation tenths, time and date, access date; modification time and date
         with open(img, "r+b") as f:
             f.seek(P2_START * SECTOR)
@@ -102,15 +92,6 @@ def make_stick(img, uuid, options, active_exists, zero_dated):
                 f.seek(P2_START * SECTOR + hits[0] + at)
                 f.write(bytes(size))
     return p2
-
-
-def fsck(img):
-    with tempfile.NamedTemporaryFile() as part, open(img, "rb") as f:
-        f.seek(P2_START * SECTOR)
-        part.write(f.read(P2_SECTORS * SECTOR))
-        part.flush()
-        done = subprocess.run(["fsck.fat", "-n", part.name], capture_output=True)
-    return done.returncode == 0, (done.stdout + done.stderr).decode(errors="replace").strip().replace("\n", " | ")
 
 
 def scenario(name, serial, with_uuid, active_exists=False, zero_dated=False):
@@ -155,7 +136,7 @@ def scenario(name, serial, with_uuid, active_exists=False, zero_dated=False):
     check("every file on partition 2 keeps its bytes", not changed, f"{changed}")
     check("the boot volume's own \\efi\\efi_b is untouched",
           read_back(img + P1, "/efi/efi_b/s-win-a.txt") == DECOY)
-    check("fsck.fat finds partition 2 consistent", *fsck(img))
+    check("fsck.fat finds partition 2 consistent", *Stick(img, parts=(1, 2)).fsck(2))
 
 
 SCENARIOS = {  # each stick its own serial, with hex letters: the marker is named in lower case

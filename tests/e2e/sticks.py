@@ -40,6 +40,29 @@ def run(*argv, data=None):
     return done.stdout
 
 
+def put(fs, files):
+    """Files ("a/b/name": bytes) onto an mtools volume ("IMG@@OFFSET"), their folders first."""
+    folders = sorted({"/".join(p.split("/")[:i]) for p in files for i in range(1, p.count("/") + 1)})
+    if folders:  # a folder already there is skipped, and mmd then answers 1: mcopy tells a real failure
+        subprocess.run(["mmd", "-D", "s", "-i", fs, *("::/" + d for d in folders)], capture_output=True, env=MTOOLS_ENV)
+    for path, data in files.items():
+        run("mcopy", "-o", "-i", fs, "-", "::/" + path, data=data)
+
+
+def add_fat32(img, start, sectors, label, serial=None, new=False):
+    """A FAT32 partition of sectors at sector start, with volume serial serial (8 hex
+    digits) when given: appended to img's MBR, or alone on a new MBR stick. One sector per
+    cluster keeps a small partition FAT32; -h records where it starts, as a partitioning
+    tool would. Its mtools volume."""
+    if new:
+        open(img, "wb").close()
+    os.truncate(img, max(os.path.getsize(img), (start + sectors) * SECTOR))
+    run("sfdisk", "-q", *(["--label", "dos"] if new else ["--append"]), img, data=f"start={start}, size={sectors}, type=c\n".encode())
+    run("mkfs.fat", "-F", "32", "-s", "1", "-h", str(start), "--offset", str(start), "-n", label,
+        *(["-i", serial] if serial else []), img, str(sectors // 2))
+    return f"{img}@@{start * SECTOR}"
+
+
 def blob(seed, size):
     """size bytes that belong to seed alone, no run of them repeating within a cluster."""
     out, block = b"", seed.encode()
@@ -114,13 +137,7 @@ class Stick:
         return f"{serial >> 16:04x}-{serial & 0xFFFF:04x}"
 
     def put(self, part, files):
-        """Files ("a/b/name": bytes) onto a partition, their folders first."""
-        folders = sorted(folders_of(files))
-        if folders:  # a folder already there is skipped, and mmd then answers 1: mcopy tells a real failure
-            subprocess.run(["mmd", "-D", "s", "-i", self.fs(part), *("::/" + d for d in folders)], capture_output=True,
-                           env=MTOOLS_ENV)
-        for path, data in files.items():
-            run("mcopy", "-o", "-i", self.fs(part), "-", "::/" + path, data=data)
+        put(self.fs(part), files)
 
     def read(self, part, path):
         done = subprocess.run(["mtype", "-i", self.fs(part), "::/" + path], capture_output=True, env=MTOOLS_ENV)
@@ -187,10 +204,7 @@ def make(img, groups, active, options, gpt=False, sibling=False, state=True, com
     run("bash", os.path.join(HERE, "make_stick.sh"), img, "--options", options, *(["--gpt"] if gpt else []))
     stick = Stick(img, groups, (1, 2) if sibling else (1,))
     if sibling:
-        os.truncate(img, (P2_START + P2_SECTORS) * SECTOR)
-        run("sfdisk", "-q", "--append", img, data=f"start={P2_START}, size={P2_SECTORS}, type=c\n".encode())
-        run("mkfs.fat", "-F", "32", "-s", "1", "-h", str(P2_START), "--offset", str(P2_START), "-n", "SOURCE", img,
-            str(P2_SECTORS // 2))
+        add_fat32(img, P2_START, P2_SECTORS, "SOURCE")
         stick.fixed[2][f"{stick.uuid(2)}.uuid"] = b""
     entries = "\r\n".join(encode_entry(t) for t in ["VELMARO ENTRIES"] + [g.entry() for g in groups]) + "\r\n"
     stick.fixed[1].update({"Velmaro.efi": open(VELMARO, "rb").read(), "startup.nsh": stick.read(1, "startup.nsh"),
