@@ -7,6 +7,7 @@
 // group b waits under its own names.
 #include "Sweep.h"
 
+#include <activation/ActivationRun.h>
 #include <activation/BcdStores.h>
 #include <activation/RecoveryPhase.h>
 #include <activation/RenewalPhase.h>
@@ -17,6 +18,7 @@
 #include <discovery/FsIdentification.h>
 #include <discovery/InstallMetadata.h>
 #include <fs/VerifiedChange.h>
+#include <ntfstest/NtfsWriteTest.h>
 
 namespace {
 
@@ -408,6 +410,26 @@ std::vector<Row> Rows () {
         EXPECT_EQ (OpenRoot (s.source->Handle (), &s.root), EFI_SUCCESS);
         s.context.SourceRoot = s.root;
       }, stateFile },
+    // The whole run from the boot volume: reading the files, the choice of volume, the
+    // active check, both phases and both writes of the state file. Whatever fails, the
+    // roots it opened are closed and nothing it loaded is left waiting.
+    { "RunActivation", kEvery, [](Stick &s) {
+        const VOLUME_REF boot   = { s.boot->Handle (), s.bootRoot, 1, {} };
+        VOLUME_REF       source = {};
+        BOOLEAN          owned  = FALSE;
+        const EFI_STATUS st     = RunActivation (fake::Firmware::Current ().image, &boot, P (u"s-win-b"), &source, &owned);
+        EXPECT_EQ (source.Handle, EFI_ERROR (st) ? nullptr : s.source->Handle ());
+        if (owned) source.Root->Close (source.Root);
+        EXPECT_EQ (fake::Firmware::Current ().ImagesLoadedNotStarted (), sweep::Injecting ().op == Op::StartImage ? 1u : 0u);
+        return st;
+      }, { PassedOn, nf, dev, bad, oor, taken }, uuidOnFat32AndExfat, [](Stick &s) {
+        SwitchToB (s);
+        const bool exfat = s.kind == Kind::Exfat;
+        if (s.External ()) {
+          s.boot->Put (exfat ? "\\efi\\boot\\ExFatDxe_x64.efi" : "\\efi\\boot\\ntfs_x64.efi",
+                       fake::Firmware::Current ().DriverFile ({ exfat ? fake::Fs::Exfat : fake::Fs::Ntfs }));
+        }
+      }, stateFile },
     // --- Source selection ------------------------------------------------------------------
     // Metadata put group a on the second partition: on NTFS and exFAT the driver is loaded
     // and the partition found by its UUID; on FAT32 the boot volume stays. Whatever fails,
@@ -431,6 +453,16 @@ std::vector<Row> Rows () {
         GROUP_STATE state = State ("bcd_a", "grp_a", "efi_a");
         return VerifyEfiBcd (s.root, P (u"\\efi\\microsoft\\boot\\backup\\bcd_a"), &state);
       }, kDigest },
+    // --- The NTFS write test -------------------------------------------------------------
+    // It moves "\sources" to a backup name for good and writes its test file over the old
+    // one: by design, so neither counts as group data here.
+    { "NtfsWriteTest", kEvery, [](Stick &s) {
+        return Then (NtfsWriteTest (s.source->Handle ()), [&] {
+          EXPECT_TRUE (s.Src ().Get ("\\sources_backup\\install.wim") == kWimA && !s.Src ().Exists ("\\sources"));
+          EXPECT_EQ (s.Src ().Get ("\\velmaro_write_test.txt"), "Velmaro UEFI write test OK");
+        });
+      }, { PassedOn, nf, dev, bad, oor }, {}, nullptr,
+      { "\\velmaro_write_test.txt", "\\sources", "\\sources\\s-win-a.txt", "\\sources\\recovery.txt", "\\sources\\install.wim" } },
   };
 }
 
