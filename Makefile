@@ -25,11 +25,10 @@ host-test: setup
 # file-system driver, through build/DriverProbe.efi, and judges what the log shows.
 # scenarios.py switches installer groups on whole sticks (the test-only
 # build/StandInInstaller.efi is every group's installer) and judges each stick read back.
+# Every script runs even when an earlier one fails, so one failure hides no other result.
 e2e: build
-	@python3 tests/e2e/smoke_test.py
-	@python3 tests/e2e/shell_move.py
-	@python3 tests/e2e/driver_loading.py
-	@python3 tests/e2e/scenarios.py
+	@status=0; for t in smoke_test shell_move driver_loading scenarios; do \
+	  python3 tests/e2e/$$t.py || status=1; done; exit $$status
 
 # One table of file-protocol behaviours answered twice: by the host suite's FAT volume
 # (FileBehaviourTest writes host-file-table.txt) and by OVMF's own driver through the
