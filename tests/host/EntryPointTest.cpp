@@ -80,3 +80,37 @@ TEST_F (EntryPointTest, RunWithoutLogFileStillEndsProperly) {
 }
 
 }  // namespace
+
+namespace {
+
+// The test mode on a stick whose NTFS partition waits for the driver on the boot volume:
+// the driver is loaded, the partition found, written and its "\sources" renamed; the
+// boot volume keeps all it had but the log.
+TEST_F (EntryPointTest, NtfsTestModeWritesAndRenamesOnThePartitionTheDriverMounts) {
+  fw.AddBlockIo (boot.Handle (), fake::BootSectorImage ("fat32"));
+  fw.SetDevicePath (boot.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 1, 0x5EED));
+  fake::Volume &ntfs = fw.AddUnmountedVolume (fake::Fs::Ntfs);
+  fw.SetDevicePath (ntfs.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 2, 0x5EED));
+  ntfs.Put ("\\sources\\install.wim", "image");
+  boot.Put ("\\efi\\boot\\ntfs_x64.efi", fw.DriverFile ({ fake::Fs::Ntfs, 0 }));
+  boot.Put ("\\sources\\install.wim", "the boot volume's own");
+
+  EXPECT_EQ (Run (u"ntfs-test s-win-abc"), EFI_SUCCESS);
+  EXPECT_EQ (ntfs.Get ("\\velmaro_write_test.txt"), "Velmaro UEFI write test OK");
+  EXPECT_EQ (ntfs.Get ("\\sources_backup\\install.wim"), "image");
+  EXPECT_FALSE (ntfs.Exists ("\\sources"));
+  EXPECT_EQ (boot.Get ("\\sources\\install.wim"), "the boot volume's own");
+  EXPECT_FALSE (boot.Exists ("\\velmaro_write_test.txt"));
+  EXPECT_EQ (Tail (3), (std::vector<std::string>{ "", "SUCCESSO: \\sources rinominata in \\sources_backup", "=== Velmaro log end ===" }));
+  EXPECT_EQ (fw.keyWaits, 0u);
+
+  // Run again, the folder is gone: the test fails after writing, with its own line first.
+  EXPECT_EQ (Run (u"ntfs-test"), EFI_NOT_FOUND);
+  EXPECT_EQ (Tail (8), (std::vector<std::string>{ "  FileExists(\\sources): Not Found (0x800000000000000E), exists=0", "",
+                                                  "ERRORE: test scrittura/rename NTFS non riuscito: Not Found (0x800000000000000E)", "",
+                                                  "ERRORE: esecuzione Velmaro non riuscita: Not Found (0x800000000000000E)", "",
+                                                  "Premere un tasto per continuare...", "=== Velmaro log end ===" }));
+  EXPECT_EQ (fw.keyWaits, 1u);
+}
+
+}  // namespace
