@@ -176,7 +176,7 @@ TEST_F (RunTest, RunsThatEndEarlyLeaveTheStickAsItWas) {
   const struct {
     const char        *name;
     std::u16string    options;
-    std::string       stateFile;   // put before the run ("" keeps the fixture's)
+    std::string       metadata;    // \ZENTO\software.xml ("" for none)
     fake::Fault       fault;
     EFI_STATUS        status;
     const char        *line;        // the last line before the general error ("" for none)
@@ -188,6 +188,10 @@ TEST_F (RunTest, RunsThatEndEarlyLeaveTheStickAsItWas) {
     { "boot volume root not opened", u"s-win-b", "", { Op::OpenVolume, EFI_NO_MEDIA, 2 }, EFI_NO_MEDIA, "" },
     { "installer refused by the platform", u"s-win-a", "", { Op::LoadImage, EFI_SECURITY_VIOLATION }, EFI_SECURITY_VIOLATION,
       "LoadImage(\\sources\\bootx64.efi, parent=ImageHandle): Security Violation (0x800000000000001A), Image=" },
+    // Metadata put b on an NTFS partition that never appears: no other volume will do.
+    { "group's partition missing", u"s-win-b",
+      "<software ID=\"s-win-b\" Der=\"Windows 11 velmaro\">\r\n<ISO2ndPartition>True</ISO2ndPartition><FS>NTFS</FS><UUID>0123456789abcdef</UUID>\r\n</software>\r\n",
+      {}, EFI_NOT_FOUND, "ERRORE: SOURCE_FS da metadata " },
   };
   const fake::Disk pristine = boot.DiskImage ();
   for (const auto &row : rows) {
@@ -196,6 +200,7 @@ TEST_F (RunTest, RunsThatEndEarlyLeaveTheStickAsItWas) {
     fw.StartFrom (v);
     fw.AddBlockIo (v.Handle (), fake::BootSectorImage ("fat32"));
     fw.SetDevicePath (v.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (2), 1, 0x5EED));
+    if (!row.metadata.empty ()) v.Put ("\\ZENTO\\software.xml", row.metadata);
     const auto before = Content (v);
     fw.keyWaits       = 0;
     fw.faults.Set (row.fault);
@@ -271,6 +276,7 @@ TEST_F (RunTest, StateFileThatNamesNoGroupIsNotAnError) {
     { "missing", "-" },
     { "no group", kNoGroup },
     { "only a BCD line", "BCD:c:\\boot\\bcd_a\r\n" },
+    { "only another group's store", "BCD:c:\\boot\\bcd_c\r\n" },
   };
   const fake::Disk pristine = boot.DiskImage ();
   for (const auto &row : rows) {
@@ -305,8 +311,16 @@ TEST_F (RunTest, GroupOnASiblingPartitionIsActivatedAndStartedThere) {
   // On a FAT32 partition other than the boot volume the EFI folder moves with the shell's mv.
   fw.shell.UseShellProtocol (true);
 
+  // A switch that fails there hands nothing out and leaves no root of the sibling open.
   VOLUME_REF source;
-  BOOLEAN    owned = FALSE;
+  BOOLEAN    owned = TRUE;
+  fw.faults.Set ({ Op::SetInfo, EFI_ACCESS_DENIED, 0, "grp_b" });
+  EXPECT_EQ (Activate (u"s-win-b", &source, &owned), EFI_ACCESS_DENIED);
+  fw.faults.Reset ();
+  EXPECT_EQ (source.Root, nullptr);
+  EXPECT_FALSE (owned);
+  EXPECT_EQ (fw.OpenHandles (), 2) << "only the boot volume's root and the log";
+
   ASSERT_EQ (Activate (u"s-win-b", &source, &owned), EFI_SUCCESS) << LogText ();
   EXPECT_EQ (source.Handle, sibling.Handle ());
   EXPECT_EQ (source.PartitionNumber, 0u);
