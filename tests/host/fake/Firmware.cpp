@@ -247,6 +247,7 @@ template<bool App> void Fill (EFI_BOOT_SERVICES &bs, EFI_RUNTIME_SERVICES &rt) {
 
 const Fault *Faults::Check (Op op, const std::u16string &path) {
   calls_[op]++;
+  if (record != nullptr) record->push_back ({ op, path, 0 });
   for (Rule &rule : rules_) {
     if (rule.fault.op != op || (!rule.path.empty () && path.find (rule.path) == std::u16string::npos)) continue;
     if (++rule.seen == rule.fault.nth || rule.fault.nth == 0) return &rule.fault;

@@ -72,6 +72,11 @@ class Faults {
   unsigned Calls (Op op) const { return calls_.count (op) != 0 ? calls_.at (op) : 0; }
   void Reset () { rules_.clear (), calls_.clear (); }
 
+  // While a test points this at a list, every counted call goes there in order with the path
+  // it names (none for OpenVolume); a Read that succeeds adds the bytes it moved.
+  struct Call { Op op; std::u16string path; uint64_t bytes; };
+  std::vector<Call> *record = nullptr;
+
  private:
   struct Rule { Fault fault; std::u16string path; unsigned seen; };
   std::vector<Rule>       rules_;

@@ -198,7 +198,9 @@ EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) 
     if (!EFI_ERROR (file->inner->GetPosition (file->inner, &position))) *size = std::min<UINT64>(*size, Info (info)->FileSize > position ? Info (info)->FileSize - position : 0);
     *size /= 2;
   }
-  return file->inner->Read (file->inner, size, buffer);
+  const EFI_STATUS status = file->inner->Read (file->inner, size, buffer);
+  if (std::vector<Faults::Call> *record = file->volume->fw.faults.record; record != nullptr && !EFI_ERROR (status)) record->back ().bytes = *size;
+  return status;
 }
 
 EFI_STATUS EFIAPI FileWrite (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) {
