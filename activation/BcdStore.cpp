@@ -85,21 +85,21 @@ IsRequestedGroupActive (
     return Status;
   }
 
-  Status = FileExists (Root, ACTIVE_BCD_PATH, &Exists);
-  if (EFI_ERROR (Status) && (Status != EFI_NOT_FOUND)) {
-    return Status;
-  }
-
   if (!HasBcdMd5 (&Context->Requested)) {
     // Without a digest anywhere, an existing store is taken on trust.
+    Status = FileExists (Root, ACTIVE_BCD_PATH, &Exists);
+    if (EFI_ERROR (Status) && (Status != EFI_NOT_FOUND)) {
+      return Status;
+    }
+
     return Exists ? EFI_SUCCESS : EFI_NOT_FOUND;
   }
 
-  if (Exists) {
-    Status = FileMatchesBcdMd5 (Root, ACTIVE_BCD_PATH, &Context->Requested);
-    if (!IsNegative (Status)) {
-      return Status;
-    }
+  // The digest's own open tells whether the store is there: an absent store answers
+  // EFI_NOT_FOUND and is repaired like a wrong one, so the store is opened once.
+  Status = FileMatchesBcdMd5 (Root, ACTIVE_BCD_PATH, &Context->Requested);
+  if (!IsNegative (Status)) {
+    return Status;
   }
 
   // One repair at most: a second one could displace the store the first kept aside.

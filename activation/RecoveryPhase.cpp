@@ -72,6 +72,24 @@ StoreIsGroups (
   return HasBcdMd5 (Group) ? FileMatchesBcdMd5 (Root, Path, Group) : EFI_SUCCESS;
 }
 
+/**
+  StoreIsGroups of a path that may be absent: EFI_NOT_FOUND when it does not open because
+  it is absent. With a digest known the digest's own open tells that, so the store is
+  opened once.
+**/
+STATIC
+EFI_STATUS
+PresentStoreIsGroups (
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Path,
+  IN CONST GROUP_STATE  *Group
+  )
+{
+  BOOLEAN  Exists;
+
+  return HasBcdMd5 (Group) ? FileMatchesBcdMd5 (Root, Path, Group) : FileExists (Root, Path, &Exists);
+}
+
 /** The group's store comes back from its backup, proved by the digest where one is known. **/
 STATIC
 EFI_STATUS
@@ -177,9 +195,14 @@ RecoverActiveBcd (
   StrCpyS (BcdName, VELMARO_NAME_CHARS, Group.Bcd);
   UnicodeSPrint (GroupPath, sizeof (GroupPath), L16 (u"\\boot\\%s"), Group.Bcd);
 
-  Status = RecordAddBcdMd5 (Root, ACTIVE_RECORD_PATH, Text.Get (), GroupPath);
-  if (!EFI_ERROR (Status)) {
-    Status = ReadRecordBcdMd5 (Root, &Group);
+  // A record that carries the digest already is not written, and the text in hand is
+  // the file: only a record that gets the key now is read again.
+  Status = FindMd5ByKey (Group.BcdMd5, Text.Get (), "BCD_MD5|");
+  if (Status == EFI_NOT_FOUND) {
+    Status = RecordAddBcdMd5 (Root, ACTIVE_RECORD_PATH, Text.Get (), GroupPath);
+    if (!EFI_ERROR (Status)) {
+      Status = ReadRecordBcdMd5 (Root, &Group);
+    }
   }
 
   if (EFI_ERROR (Status)) {
@@ -187,21 +210,14 @@ RecoverActiveBcd (
   }
 
   // The group name already holds a store: it is either the group's or not ours to touch.
-  Status = FileExists (Root, GroupPath, &Exists);
-  if (!EFI_ERROR (Status)) {
-    return StoreIsGroups (Root, GroupPath, &Group);
-  }
-
+  Status = PresentStoreIsGroups (Root, GroupPath, &Group);
   if (Status != EFI_NOT_FOUND) {
     return Status;
   }
 
-  Status = FileExists (Root, ACTIVE_BCD_PATH, &Exists);
+  Status = PresentStoreIsGroups (Root, ACTIVE_BCD_PATH, &Group);
   if (!EFI_ERROR (Status)) {
-    Status = StoreIsGroups (Root, ACTIVE_BCD_PATH, &Group);
-    if (!EFI_ERROR (Status)) {
-      return RenameVerified (Volume, Root, ACTIVE_BCD_PATH, GroupPath);
-    }
+    return RenameVerified (Volume, Root, ACTIVE_BCD_PATH, GroupPath);
   }
 
   // "\boot\BCD" is absent or another store: it stays, and the group's comes from its backup.
@@ -212,19 +228,30 @@ RecoverActiveBcd (
   return RestoreBcdFromBackup (Root, GroupPath, &Group);
 }
 
-/** The group that the marker-ID files in Folder name, logged when none resolves. **/
+/**
+  The group that the marker-ID files in Folder name. The folder is opened once: a folder
+  that does not open answers that status in *Opened and the scan does not run; otherwise
+  *Opened is EFI_SUCCESS and the scan's answer is returned.
+**/
 STATIC
 EFI_STATUS
 FolderOwner (
   IN  CONST ACTIVATION_CONTEXT  *Context,
   IN  EFI_FILE_PROTOCOL         *Root,
   IN  CONST CHAR16              *Folder,
+  OUT EFI_STATUS                *Opened,
   OUT GROUP_STATE               *Owner
   )
 {
-  CHAR8  Id[VELMARO_NAME_CHARS];
+  FileGuard  Dir;
+  CHAR8      Id[VELMARO_NAME_CHARS];
 
-  return IdentifyFolderByMarker (Context, Root, Folder, MarkerLookup::Entries, Id, Owner);
+  *Opened = Root->Open (Root, Dir.Out (), const_cast<CHAR16 *>(Folder), EFI_FILE_MODE_READ, 0);
+  if (EFI_ERROR (*Opened)) {
+    return *Opened;
+  }
+
+  return IdentifyOpenFolderByMarker (Context, Dir.Get (), MarkerLookup::Entries, Id, Owner);
 }
 
 EFI_STATUS
@@ -242,7 +269,7 @@ RecoverActiveFolder (
 {
   GROUP_STATE  Owner;
   CHAR16       GroupPath[RECOVERY_GROUP_PATH_CHARS];
-  BOOLEAN      Exists;
+  EFI_STATUS   Opened;
   EFI_STATUS   Status;
 
   // The owner of a folder is looked up in the run's entries text, which is EntriesText.
@@ -256,12 +283,12 @@ RecoverActiveFolder (
     return EFI_NOT_FOUND;
   }
 
-  Status = FileExists (Root, ActivePath, &Exists);
-  if (EFI_ERROR (Status)) {
-    return Status;
+  // A folder that does not open is not there to restore; one that opens is read as it is.
+  Status = FolderOwner (Context, Root, ActivePath, &Opened, &Owner);
+  if (EFI_ERROR (Opened)) {
+    return Opened;
   }
 
-  Status = FolderOwner (Context, Root, ActivePath, &Owner);
   if (EFI_ERROR (Status)) {
     LogPrint (L16 (u"Recovery %s: marker ID non risolto in %s: %r (0x%lx)\n"), Label, ActivePath, Status, Status);
     return Status;
@@ -274,18 +301,17 @@ RecoverActiveFolder (
 
   StrCpyS (Name, VELMARO_NAME_CHARS, CurrentName);
   UnicodeSPrint (GroupPath, sizeof (GroupPath), GroupFormat, CurrentName);
-  Status = FileExists (Root, GroupPath, &Exists);
-  if (Status == EFI_NOT_FOUND) {
+  Status = FolderOwner (Context, Root, GroupPath, &Opened, &Owner);
+  if (Opened == EFI_NOT_FOUND) {
     return RenameVerified (Volume, Root, ActivePath, GroupPath);
   }
 
-  if (EFI_ERROR (Status)) {
-    return Status;
+  if (EFI_ERROR (Opened)) {
+    return Opened;
   }
 
   // Both names hold the current group: the group name stays, the active one is the
   // duplicate and is kept aside, never deleted.
-  Status = FolderOwner (Context, Root, GroupPath, &Owner);
   if (!EFI_ERROR (Status) && GroupNamesEqual (&Owner, &Context->Current)) {
     return MoveAsideToBak (Volume, Root, ActivePath);
   }

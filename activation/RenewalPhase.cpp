@@ -378,20 +378,20 @@ VerifyRenewalSources (
     return Status;
   }
 
-  Status = FileExists (SourceRoot, GroupBcd, &Exists);
-  if (EFI_ERROR (Status) && (Status != EFI_NOT_FOUND)) {
+  // With a digest known, the digest's own open tells whether the store is there (absent:
+  // EFI_NOT_FOUND), so the store is opened once.
+  if (HasBcdMd5 (State)) {
+    Status = FileMatchesBcdMd5 (SourceRoot, GroupBcd, State);
+    Exists = (Status != EFI_NOT_FOUND);
+  } else {
+    Status = FileExists (SourceRoot, GroupBcd, &Exists);
+  }
+
+  if (EFI_ERROR (Status) && (Status != EFI_COMPROMISED_DATA) && (Status != EFI_NOT_FOUND)) {
     return Status;
   }
 
-  Coherent = Exists;
-  if (Exists && HasBcdMd5 (State)) {
-    Status = FileMatchesBcdMd5 (SourceRoot, GroupBcd, State);
-    if (EFI_ERROR (Status) && (Status != EFI_COMPROMISED_DATA) && (Status != EFI_NOT_FOUND)) {
-      return Status;
-    }
-
-    Coherent = !EFI_ERROR (Status);
-  }
+  Coherent = !EFI_ERROR (Status);
 
   if (!Coherent) {
     // A wrong store under the group's name belongs to someone: it goes to its owner's
@@ -412,7 +412,9 @@ VerifyRenewalSources (
     }
   }
 
-  if (HasBcdMd5 (State)) {
+  // A store whose digest was just compared and that nothing has touched since is not
+  // read a second time; a store copied from the backup is.
+  if (!Coherent && HasBcdMd5 (State)) {
     Status = FileMatchesBcdMd5 (SourceRoot, GroupBcd, State);
     if (EFI_ERROR (Status)) {
       LogPrint (L16 (u"ERRORE: fase rinomina, BCD non coerente: %s: %r (0x%lx)\n"), GroupBcd, Status, Status);

@@ -240,18 +240,20 @@ typedef EFI_STATUS (*VOLUME_VALUE_READER)(EFI_HANDLE Volume, CHAR16 *Value, UINT
 
 /**
   Appends a key whose value is read from the volume itself, unless the record has it.
+  *Appended tells whether the line was written.
 **/
 STATIC
 EFI_STATUS
 AddVolumeKey (
-  IN EFI_HANDLE           Volume,
-  IN EFI_FILE_PROTOCOL    *Root,
-  IN CONST CHAR16         *Path,
-  IN CONST CHAR8          *Text,
-  IN RECORD_KEY_READER    ReadKey,
-  IN VOLUME_VALUE_READER  ReadValue,
-  IN UINTN                Capacity,
-  IN CONST CHAR8          *Format
+  IN  EFI_HANDLE           Volume,
+  IN  EFI_FILE_PROTOCOL    *Root,
+  IN  CONST CHAR16         *Path,
+  IN  CONST CHAR8          *Text,
+  IN  RECORD_KEY_READER    ReadKey,
+  IN  VOLUME_VALUE_READER  ReadValue,
+  IN  UINTN                Capacity,
+  IN  CONST CHAR8          *Format,
+  OUT BOOLEAN              *Appended
   )
 {
   CHAR16      Present[VELMARO_NAME_CHARS];
@@ -259,7 +261,8 @@ AddVolumeKey (
   CHAR8       Value[UUID_TEXT_CHARS];
   EFI_STATUS  Status;
 
-  Status = ReadKey (Text, Present);
+  *Appended = FALSE;
+  Status    = ReadKey (Text, Present);
   if (Status != EFI_NOT_FOUND) {
     return Status;
   }
@@ -273,37 +276,46 @@ AddVolumeKey (
     return Status;
   }
 
-  return AppendRecordLine (Root, Path, Text, Format, Value);
+  Status    = AppendRecordLine (Root, Path, Text, Format, Value);
+  *Appended = !EFI_ERROR (Status);
+  return Status;
 }
 
+STATIC
 EFI_STATUS
-RecordAddSrcPart (
-  IN EFI_HANDLE         Volume,
-  IN EFI_FILE_PROTOCOL  *Root,
-  IN CONST CHAR16       *Path,
-  IN CONST CHAR8        *Text
+AddSrcPart (
+  IN  EFI_HANDLE         Volume,
+  IN  EFI_FILE_PROTOCOL  *Root,
+  IN  CONST CHAR16       *Path,
+  IN  CONST CHAR8        *Text,
+  OUT BOOLEAN            *Appended
   )
 {
-  return AddVolumeKey (Volume, Root, Path, Text, RecordReadSrcPart, ReadVolumeUuid, UUID_TEXT_CHARS, "%a%aSRC_PART|%a\r\n");
+  return AddVolumeKey (Volume, Root, Path, Text, RecordReadSrcPart, ReadVolumeUuid, UUID_TEXT_CHARS, "%a%aSRC_PART|%a\r\n", Appended);
 }
 
+STATIC
 EFI_STATUS
-RecordAddSrcFs (
-  IN EFI_HANDLE         Volume,
-  IN EFI_FILE_PROTOCOL  *Root,
-  IN CONST CHAR16       *Path,
-  IN CONST CHAR8        *Text
+AddSrcFs (
+  IN  EFI_HANDLE         Volume,
+  IN  EFI_FILE_PROTOCOL  *Root,
+  IN  CONST CHAR16       *Path,
+  IN  CONST CHAR8        *Text,
+  OUT BOOLEAN            *Appended
   )
 {
-  return AddVolumeKey (Volume, Root, Path, Text, RecordReadSrcFs, DetectFsType, VELMARO_FS_CHARS, "%a%aSRC_FS|%a\r\n");
+  return AddVolumeKey (Volume, Root, Path, Text, RecordReadSrcFs, DetectFsType, VELMARO_FS_CHARS, "%a%aSRC_FS|%a\r\n", Appended);
 }
 
+/** RecordAddBcdMd5's body; *Appended tells whether the line was written. **/
+STATIC
 EFI_STATUS
-RecordAddBcdMd5 (
-  IN EFI_FILE_PROTOCOL  *Root,
-  IN CONST CHAR16       *Path,
-  IN CONST CHAR8        *Text,
-  IN CONST CHAR16       *BcdPath
+AddBcdMd5 (
+  IN  EFI_FILE_PROTOCOL  *Root,
+  IN  CONST CHAR16       *Path,
+  IN  CONST CHAR8        *Text,
+  IN  CONST CHAR16       *BcdPath,
+  OUT BOOLEAN            *Appended
   )
 {
   CHAR16      Digest[VELMARO_MD5_CHARS];
@@ -311,7 +323,8 @@ RecordAddBcdMd5 (
   BOOLEAN     Exists;
   EFI_STATUS  Status;
 
-  Status = FindMd5ByKey (Digest, Text, "BCD_MD5|");
+  *Appended = FALSE;
+  Status    = FindMd5ByKey (Digest, Text, "BCD_MD5|");
   if (Status != EFI_NOT_FOUND) {
     return Status;
   }
@@ -330,7 +343,65 @@ RecordAddBcdMd5 (
     return Status;
   }
 
-  return AppendRecordLine (Root, Path, Text, "%a%aBCD_MD5|%a\r\n", Value);
+  Status    = AppendRecordLine (Root, Path, Text, "%a%aBCD_MD5|%a\r\n", Value);
+  *Appended = !EFI_ERROR (Status);
+  return Status;
+}
+
+/**
+  After a completion step that succeeded: the record is read again when the step wrote
+  a line, so that the next step starts from the file as it is now. A step that found its
+  key (or no store to take a digest of) wrote nothing, and the text in hand is the file.
+**/
+STATIC
+EFI_STATUS
+ReadAgainIfAppended (
+  IN     EFI_FILE_PROTOCOL  *Root,
+  IN     CONST CHAR16       *Path,
+  IN     BOOLEAN            Appended,
+  IN OUT PoolGuard<CHAR8>   &Text
+  )
+{
+  return Appended ? ReadWholeFile (Root, Path, Text.Out ()) : EFI_SUCCESS;
+}
+
+EFI_STATUS
+RecordAddSrcPart (
+  IN EFI_HANDLE         Volume,
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Path,
+  IN CONST CHAR8        *Text
+  )
+{
+  BOOLEAN  Appended;
+
+  return AddSrcPart (Volume, Root, Path, Text, &Appended);
+}
+
+EFI_STATUS
+RecordAddSrcFs (
+  IN EFI_HANDLE         Volume,
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Path,
+  IN CONST CHAR8        *Text
+  )
+{
+  BOOLEAN  Appended;
+
+  return AddSrcFs (Volume, Root, Path, Text, &Appended);
+}
+
+EFI_STATUS
+RecordAddBcdMd5 (
+  IN EFI_FILE_PROTOCOL  *Root,
+  IN CONST CHAR16       *Path,
+  IN CONST CHAR8        *Text,
+  IN CONST CHAR16       *BcdPath
+  )
+{
+  BOOLEAN  Appended;
+
+  return AddBcdMd5 (Root, Path, Text, BcdPath, &Appended);
 }
 
 EFI_STATUS
@@ -410,6 +481,7 @@ RefreshActiveRecord (
   )
 {
   PoolGuard<CHAR8>  Record;
+  BOOLEAN           Appended;
   EFI_STATUS        Status;
 
   if (Text == nullptr) {
@@ -418,17 +490,17 @@ RefreshActiveRecord (
 
   Record.Reset (*Text);
   *Text  = nullptr;
-  Status = RecordAddSrcPart (Volume, Root, ACTIVE_RECORD_PATH, Record.Get ());
+  Status = AddSrcPart (Volume, Root, ACTIVE_RECORD_PATH, Record.Get (), &Appended);
   if (!EFI_ERROR (Status)) {
-    Status = ReadWholeFile (Root, ACTIVE_RECORD_PATH, Record.Out ());
+    Status = ReadAgainIfAppended (Root, ACTIVE_RECORD_PATH, Appended, Record);
   }
 
   if (!EFI_ERROR (Status)) {
-    Status = RecordAddSrcFs (Volume, Root, ACTIVE_RECORD_PATH, Record.Get ());
+    Status = AddSrcFs (Volume, Root, ACTIVE_RECORD_PATH, Record.Get (), &Appended);
   }
 
   if (!EFI_ERROR (Status)) {
-    Status = ReadWholeFile (Root, ACTIVE_RECORD_PATH, Record.Out ());
+    Status = ReadAgainIfAppended (Root, ACTIVE_RECORD_PATH, Appended, Record);
   }
 
   *Text = Record.Release ();
@@ -473,6 +545,7 @@ ValidateRequestedSourcePath (
   CHAR16            BcdPath[RECORD_PATH_CHARS];
   CHAR8             Id[VELMARO_NAME_CHARS];
   CHAR16            Src[VELMARO_NAME_CHARS];
+  BOOLEAN           Appended;
   EFI_STATUS        Status;
 
   if ((Context == nullptr) || (Root == nullptr) || (Folder == nullptr) || (RequestedId == nullptr)) {
@@ -505,9 +578,9 @@ ValidateRequestedSourcePath (
   }
 
   // Completing the record is worth a warning, not a refusal: the folder is still valid.
-  Status = RecordAddSrcPart (Volume, Root, RecordPath, Text.Get ());
+  Status = AddSrcPart (Volume, Root, RecordPath, Text.Get (), &Appended);
   if (!EFI_ERROR (Status)) {
-    Status = ReadWholeFile (Root, RecordPath, Text.Out ());
+    Status = ReadAgainIfAppended (Root, RecordPath, Appended, Text);
     if (EFI_ERROR (Status)) {
       return Status;
     }
@@ -515,9 +588,9 @@ ValidateRequestedSourcePath (
     LogPrint (L16 (u"WARN: recovery valido senza SRC_PART, aggiornamento %s non riuscito: %r (0x%lx)\n"), RecordPath, Status, Status);
   }
 
-  Status = RecordAddSrcFs (Volume, Root, RecordPath, Text.Get ());
+  Status = AddSrcFs (Volume, Root, RecordPath, Text.Get (), &Appended);
   if (!EFI_ERROR (Status)) {
-    Status = ReadWholeFile (Root, RecordPath, Text.Out ());
+    Status = ReadAgainIfAppended (Root, RecordPath, Appended, Text);
     if (EFI_ERROR (Status)) {
       return Status;
     }
@@ -544,9 +617,9 @@ ValidateRequestedSourcePath (
   }
 
   UnicodeSPrint (BcdPath, sizeof (BcdPath), L16 (u"\\boot\\%s"), Context->Requested.Bcd);
-  Status = RecordAddBcdMd5 (Root, RecordPath, Text.Get (), BcdPath);
+  Status = AddBcdMd5 (Root, RecordPath, Text.Get (), BcdPath, &Appended);
   if (!EFI_ERROR (Status)) {
-    Status = ReadWholeFile (Root, RecordPath, Text.Out ());
+    Status = ReadAgainIfAppended (Root, RecordPath, Appended, Text);
     if (EFI_ERROR (Status)) {
       return Status;
     }
@@ -563,30 +636,24 @@ ValidateRequestedSourcePath (
 }
 
 EFI_STATUS
-IdentifyFolderByMarker (
+IdentifyOpenFolderByMarker (
   IN  CONST ACTIVATION_CONTEXT  *Context,
-  IN  EFI_FILE_PROTOCOL         *Root,
-  IN  CONST CHAR16              *Folder,
+  IN  EFI_FILE_PROTOCOL         *Dir,
   IN  MarkerLookup              Kind,
   OUT CHAR8                     *Id,
   OUT GROUP_STATE               *State
   )
 {
-  FileGuard                 Dir;
   PoolGuard<EFI_FILE_INFO>  Entry;
   UINTN                     EntrySize;
   EFI_STATUS                Status;
 
-  if ((Context == nullptr) || (Root == nullptr) || (Folder == nullptr) || (Id == nullptr) || (State == nullptr)) {
+  if ((Context == nullptr) || (Dir == nullptr) || (Id == nullptr) || (State == nullptr)) {
     return EFI_INVALID_PARAMETER;
   }
 
   Id[0] = '\0';
   ZeroMem (State, sizeof (*State));
-  Status = Root->Open (Root, Dir.Out (), const_cast<CHAR16 *>(Folder), EFI_FILE_MODE_READ, 0);
-  if (EFI_ERROR (Status)) {
-    return Status;
-  }
 
   // Room for any entry: the fixed part and a name of 255 characters.
   EntrySize = FILE_INFO_FIRST_GUESS;
@@ -599,7 +666,7 @@ IdentifyFolderByMarker (
     UINTN  Size = EntrySize;
     CHAR8  Candidate[VELMARO_NAME_CHARS];
 
-    Status = Dir->Read (Dir.Get (), &Size, Entry.Get ());
+    Status = Dir->Read (Dir, &Size, Entry.Get ());
     if ((Status == EFI_BUFFER_TOO_SMALL) && (Kind == MarkerLookup::Entries)) {
       EntrySize = Size;
       Entry.Reset (static_cast<EFI_FILE_INFO *>(AllocateZeroPool (EntrySize)));
@@ -607,7 +674,7 @@ IdentifyFolderByMarker (
         return EFI_OUT_OF_RESOURCES;
       }
 
-      Status = Dir->Read (Dir.Get (), &Size, Entry.Get ());
+      Status = Dir->Read (Dir, &Size, Entry.Get ());
     }
 
     if (EFI_ERROR (Status)) {
@@ -641,4 +708,31 @@ IdentifyFolderByMarker (
     // A marker-ID file that names no known group (a readme.txt, say) is passed over.
     ZeroMem (State, sizeof (*State));
   }
+}
+
+EFI_STATUS
+IdentifyFolderByMarker (
+  IN  CONST ACTIVATION_CONTEXT  *Context,
+  IN  EFI_FILE_PROTOCOL         *Root,
+  IN  CONST CHAR16              *Folder,
+  IN  MarkerLookup              Kind,
+  OUT CHAR8                     *Id,
+  OUT GROUP_STATE               *State
+  )
+{
+  FileGuard   Dir;
+  EFI_STATUS  Status;
+
+  if ((Context == nullptr) || (Root == nullptr) || (Folder == nullptr) || (Id == nullptr) || (State == nullptr)) {
+    return EFI_INVALID_PARAMETER;
+  }
+
+  Id[0] = '\0';
+  ZeroMem (State, sizeof (*State));
+  Status = Root->Open (Root, Dir.Out (), const_cast<CHAR16 *>(Folder), EFI_FILE_MODE_READ, 0);
+  if (EFI_ERROR (Status)) {
+    return Status;
+  }
+
+  return IdentifyOpenFolderByMarker (Context, Dir.Get (), Kind, Id, State);
 }

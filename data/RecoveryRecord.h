@@ -212,8 +212,9 @@ ActiveMarkerMatchesRecord (
 
 /**
   Completes \sources\recovery.txt with SRC_PART and SRC_FS (RecordAddSrcPart, then
-  RecordAddSrcFs), reading the file again after each; the first failure ends it. *Text
-  is replaced by the text read last (or null when a re-read failed); the caller frees it.
+  RecordAddSrcFs), reading the file again after each that wrote a line; the first failure
+  ends it. *Text is the record's current text afterwards (null when a re-read failed);
+  the caller frees it.
 
   @retval EFI_SUCCESS           The record has both keys; *Text is its current text.
   @retval EFI_COMPROMISED_DATA  The file's size no longer matched the text read before.
@@ -276,6 +277,20 @@ IdentifyFolderByMarker (
   IN  CONST ACTIVATION_CONTEXT  *Context,
   IN  EFI_FILE_PROTOCOL         *Root,
   IN  CONST CHAR16              *Folder,
+  IN  MarkerLookup              Kind,
+  OUT CHAR8                     *Id,
+  OUT GROUP_STATE               *State
+  );
+
+/**
+  IdentifyFolderByMarker on a folder the caller has opened for reading: its entries are
+  read from Dir's current position, and Dir stays open. Lets a caller that must first
+  know whether the folder opens at all look at it once.
+**/
+EFI_STATUS
+IdentifyOpenFolderByMarker (
+  IN  CONST ACTIVATION_CONTEXT  *Context,
+  IN  EFI_FILE_PROTOCOL         *Dir,
   IN  MarkerLookup              Kind,
   OUT CHAR8                     *Id,
   OUT GROUP_STATE               *State

@@ -42,6 +42,10 @@ TEST_F (BcdTest, WithoutAnyDigestAnExistingStoreIsTrusted) {
   EXPECT_EQ (Active (), EFI_SUCCESS);
   boot.Remove ("\\boot\\BCD");
   EXPECT_EQ (Active (), EFI_NOT_FOUND);
+  boot.Put ("\\boot\\BCD", stray);
+  fw.faults.Set ({ Op::Open, EFI_DEVICE_ERROR, 1, "\\boot\\BCD" });
+  EXPECT_EQ (Active (), EFI_DEVICE_ERROR) << "a store that does not open is not an absent one";
+  fw.faults.Reset ();
 }
 
 TEST_F (BcdTest, WrongActiveStoreIsRepairedFromBackupAndKeptAside) {

@@ -101,6 +101,7 @@ TEST_F (PhaseTest, SwitchGivesTheActiveGroupItsNamesBackAndTheRequestedOneTheAct
   EXPECT_TRUE (Has (LogText (), "] recovery BCD: BCD=(unknown) SKIP (not active)\r\n"));
   EXPECT_TRUE (Has (LogText (), "] recovery SRC: SRC=(unknown) SKIP (not active)\r\n"));
   EXPECT_TRUE (Has (LogText (), "] recovery EFI: EFI=(unknown) SKIP (not active)\r\n"));
+  EXPECT_FALSE (Has (LogText (), "marker ID non risolto")) << "an active name that is not there has no marker to resolve";
 
   ASSERT_EQ (Renew ("s-win-b"), EFI_SUCCESS);
   ExpectActive (kGroups[1]);
@@ -141,6 +142,18 @@ TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
       "recovery EFI: EFI=efi_a KO Access Denied (0x800000000000000F)", { Op::SetInfo, EFI_ACCESS_DENIED, 1, "microsoft->" } },
     { "record of another partition", [](fake::Volume &v) { v.Put ("\\sources\\recovery.txt", Record (kGroups[0]) + "SRC_PART|1234-abcd\r\n"); },
       EFI_SUCCESS, { { "\\boot\\BCD", "store of s-win-a" }, { "\\boot\\bcd_a", "-" } }, "recovery BCD: BCD=(unknown) SKIP (not active)" },
+    { "record without a digest, group store already under its name", [](fake::Volume &v) {
+        v.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n");
+        v.Put ("\\boot\\bcd_a", "store of s-win-a");
+      }, EFI_SUCCESS, { { "\\grp_a\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\nSRC_PART|" + uuid + "\r\nSRC_FS|FAT32\r\nBCD_MD5|" + Md5Hex ("store of s-win-a") + "\r\n" } },
+      "recovery BCD: BCD=bcd_a OK" },
+    { "no digest anywhere", [](fake::Volume &v) { v.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n"); v.Remove ("\\boot\\backup\\bcd_a.md5"); },
+      EFI_SUCCESS, { { "\\boot\\bcd_a", "store of s-win-a" }, { "\\boot\\BCD", "-" } }, "recovery BCD: BCD=bcd_a OK" },
+    { "group name held by a folder without a known marker", [](fake::Volume &v) { v.Put ("\\grp_a\\readme.txt", "r"); },
+      EFI_SUCCESS, { { "\\sources\\s-win-a.txt", "" }, { "\\grp_a\\readme.txt", "r" } },
+      "Recovery SRC: destinazione \\grp_a non coincide con current state: Not Found (0x800000000000000E)" },
+    { "group name that cannot be opened", [](fake::Volume &) {}, EFI_DEVICE_ERROR, { { "\\sources\\s-win-a.txt", "" }, { "\\grp_a", "-" } },
+      "recovery SRC: SRC=grp_a KO Device Error (0x8000000000000007)", { Op::Open, EFI_DEVICE_ERROR, 1, "grp_a" } },
   };
   const fake::Disk pristine = boot.DiskImage ();
   for (const auto &row : rows) {
@@ -226,6 +239,10 @@ TEST_F (PhaseTest, RenewalPutsWhatBlocksTheActiveNamesWithItsOwnerOrAside) {
       EFI_NOT_FOUND, "\\efi\\efi_b\\boot\\bootmgfw.efi", "ERRORE: fase rinomina, EFI non coerente: \\efi\\efi_b: Not Found (0x800000000000000E)" },
     { "a group store of nobody", [](fake::Volume &v) { v.Put ("\\boot\\bcd_b", "store of nobody"); },
       EFI_SUCCESS, "\\boot\\bcd_b.bak", "Fase rinomina: BCD sorgente assente/non coerente, recupero da \\boot\\backup\\bcd_b" },
+    { "no group store", [](fake::Volume &v) { v.Remove ("\\boot\\bcd_b"); },
+      EFI_SUCCESS, "\\boot\\backup\\bcd_b", "Fase rinomina: BCD sorgente assente/non coerente, recupero da \\boot\\backup\\bcd_b" },
+    { "no group store and a damaged backup", [](fake::Volume &v) { v.Remove ("\\boot\\bcd_b"); v.Put ("\\boot\\backup\\bcd_b", "damaged"); },
+      EFI_COMPROMISED_DATA, "\\grp_b\\install.wim", "ERRORE: fase rinomina, BCD non coerente: \\boot\\bcd_b: Compromised Data (0x8000000000000021)" },
   };
   // Group a restored first, as the run does; b is requested.
   ASSERT_EQ (Recover (), EFI_SUCCESS);
