@@ -62,12 +62,16 @@ sweep: setup
 # fails only when digests disagree. The bench target builds itself at -O2.
 # Then the simulated time the source selection waits for drivers and controllers, per
 # stick layout: the same table the host suite asserts, printed.
+# Last, the file-protocol calls of a switch, of a run that finds its group active and of
+# the active check, beside the least their proofs need: the figures CallCountTest bounds.
 bench: setup
 	@cmake -S tests/host -B $(HOST_BUILD) >/dev/null
 	@cmake --build $(HOST_BUILD) --target md5_bench host_tests -j$$(nproc) >/dev/null
 	@$(HOST_BUILD)/md5_bench
 	@echo
 	@VELMARO_PRINT_WAITS=1 $(HOST_BUILD)/host_tests --gtest_filter='SourceSelectionTest.*' --gtest_brief=1 | grep -v '^\[\|^Running main\|^Note: '
+	@echo
+	@VELMARO_PRINT_CALLS=1 $(HOST_BUILD)/host_tests --gtest_filter='CallCountTest.*' --gtest_brief=1 | grep -v '^\[\|^Running main\|^Note: '
 
 clean:
 	rm -rf build
