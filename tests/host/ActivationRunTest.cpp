@@ -71,6 +71,16 @@ class RunTest : public HostTest {
     return RunActivation (fw.image, &bootFs, W (id), source, owned);
   }
 
+  // A copy of the stick as another USB stick, the one Velmaro is started from: table rows
+  // then never see each other's changes.
+  fake::Volume &StartFromCopy (const fake::Disk &image) {
+    fake::Volume &v = fw.AddVolume (image);
+    fw.StartFrom (v);
+    fw.AddBlockIo (v.Handle (), fake::BootSectorImage ("fat32"));
+    fw.SetDevicePath (v.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (2), 1, 0x5EED));
+    return v;
+  }
+
   EFI_STATUS LaunchInstallerFor (const VOLUME_REF &volume) { return LaunchInstaller (fw.image, &volume); }
 
   static std::string PointerText (const void *pointer) {
@@ -105,7 +115,7 @@ class RunTest : public HostTest {
 
   static std::string ActiveStore (const fake::Volume &v) { return v.Exists ("\\boot\\BCD") ? v.Get ("\\boot\\BCD") : "-"; }
 
-  std::string StateFile () const { return boot.Exists ("\\boot\\VELMARO.COM") ? boot.Get ("\\boot\\VELMARO.COM") : "-"; }
+  static std::string StateFile (const fake::Volume &v) { return v.Exists ("\\boot\\VELMARO.COM") ? v.Get ("\\boot\\VELMARO.COM") : "-"; }
 
   // The installer that ran: its group, by the marker in the folder it was started from.
   std::string InstallerRan () const {
@@ -125,7 +135,7 @@ TEST_F (RunTest, SwitchThereAndBackMovesOnlyNamesAndStartsTheRequestedInstaller)
   const auto before = boot.Snapshot ();
   EXPECT_EQ (Start (u"s-win-b"), EFI_SUCCESS);
   EXPECT_EQ (ActiveGroup (boot), 1);
-  EXPECT_EQ (StateFile (), StateOf (kGroups[1], uuid));
+  EXPECT_EQ (StateFile (boot), StateOf (kGroups[1], uuid));
   EXPECT_EQ (InstallerRan (), "s-win-b");
   EXPECT_EQ (fw.keyWaits, 0u);
   ExpectNoGroupDataLost (before, boot, kGroups);
@@ -144,7 +154,7 @@ TEST_F (RunTest, SwitchThereAndBackMovesOnlyNamesAndStartsTheRequestedInstaller)
 
   EXPECT_EQ (Start (u"s-win-a"), EFI_SUCCESS);
   EXPECT_EQ (ActiveGroup (boot), 0);
-  EXPECT_EQ (StateFile (), StateOf (kGroups[0], uuid));
+  EXPECT_EQ (StateFile (boot), StateOf (kGroups[0], uuid));
   EXPECT_EQ (InstallerRan (), "s-win-a");
   ExpectNoGroupDataLost (before, boot, kGroups);
 }
@@ -196,10 +206,7 @@ TEST_F (RunTest, RunsThatEndEarlyLeaveTheStickAsItWas) {
   const fake::Disk pristine = boot.DiskImage ();
   for (const auto &row : rows) {
     SCOPED_TRACE (row.name);
-    fake::Volume &v = fw.AddVolume (pristine);
-    fw.StartFrom (v);
-    fw.AddBlockIo (v.Handle (), fake::BootSectorImage ("fat32"));
-    fw.SetDevicePath (v.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (2), 1, 0x5EED));
+    fake::Volume &v = StartFromCopy (pristine);
     if (!row.metadata.empty ()) v.Put ("\\ZENTO\\software.xml", row.metadata);
     const auto before = Content (v);
     fw.keyWaits       = 0;
@@ -247,10 +254,7 @@ TEST_F (RunTest, RunStoppedAtEachStepLeavesARecoverableStick) {
   const fake::Disk pristine = boot.DiskImage ();
   for (const auto &row : rows) {
     SCOPED_TRACE (row.name);
-    fake::Volume &v = fw.AddVolume (pristine);
-    fw.StartFrom (v);
-    fw.AddBlockIo (v.Handle (), fake::BootSectorImage ("fat32"));
-    fw.SetDevicePath (v.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (2), 1, 0x5EED));
+    fake::Volume &v = StartFromCopy (pristine);
     const auto   before  = v.Snapshot ();
     const size_t started = StartedApplications ();
     fw.faults.Set (row.fault);
@@ -258,7 +262,7 @@ TEST_F (RunTest, RunStoppedAtEachStepLeavesARecoverableStick) {
     fw.faults.Reset ();
     EXPECT_EQ (StartedApplications () - started, EFI_ERROR (row.status) ? 0u : 1u);
     EXPECT_EQ (ActiveGroup (v), row.active);
-    EXPECT_EQ (v.Exists ("\\boot\\VELMARO.COM") ? v.Get ("\\boot\\VELMARO.COM") : "-", row.stateFile);
+    EXPECT_EQ (StateFile (v), row.stateFile);
     EXPECT_TRUE (Has (LogText (v), std::string ("] ") + row.line + "\r\n"));
     ExpectNoGroupDataLost (before, v, kGroups);
 
@@ -281,10 +285,7 @@ TEST_F (RunTest, StateFileThatNamesNoGroupIsNotAnError) {
   const fake::Disk pristine = boot.DiskImage ();
   for (const auto &row : rows) {
     SCOPED_TRACE (row.name);
-    fake::Volume &v = fw.AddVolume (pristine);
-    fw.StartFrom (v);
-    fw.AddBlockIo (v.Handle (), fake::BootSectorImage ("fat32"));
-    fw.SetDevicePath (v.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (2), 1, 0x5EED));
+    fake::Volume &v = StartFromCopy (pristine);
     if (row.stateFile == "-") v.Remove ("\\boot\\VELMARO.COM");
     else v.Put ("\\boot\\VELMARO.COM", row.stateFile);
     const auto before = v.Snapshot ();
