@@ -3,21 +3,19 @@
 # \Velmaro.efi and a \startup.nsh that runs it and records its status in \status.txt.
 # --gpt labels the stick GPT instead (one basic-data partition at the same place).
 # --startup-only rewrites only \startup.nsh of an existing stick, for the next boot's options.
-# Usage: make_stick.sh OUT.img [--debug] [--gpt] [--startup-only] [--options "LOAD OPTIONS"] [--efi PATH]
+# Usage: make_stick.sh OUT.img [--gpt] [--startup-only] [--options "LOAD OPTIONS"] [--efi PATH]
 set -euo pipefail
 REPO="$(cd "$(dirname "$0")/../.." && pwd)"
-usage() { echo "usage: $0 OUT.img [--debug] [--gpt] [--startup-only] [--options \"LOAD OPTIONS\"] [--efi PATH]" >&2; exit 2; }
+usage() { echo "usage: $0 OUT.img [--gpt] [--startup-only] [--options \"LOAD OPTIONS\"] [--efi PATH]" >&2; exit 2; }
 
 [ $# -ge 1 ] || usage
 OUT="$1"; shift
 EFI="$REPO/build/Velmaro.efi"
 OPTIONS=""
-DEBUG=0
 LABEL=dos
 STARTUP_ONLY=0
 while [ $# -gt 0 ]; do
   case "$1" in
-    --debug) DEBUG=1; shift ;;
     --gpt) LABEL=gpt; shift ;;
     --startup-only) STARTUP_ONLY=1; shift ;;
     --options) [ $# -ge 2 ] || usage; OPTIONS="$2"; shift 2 ;;
@@ -64,9 +62,4 @@ printf '%s\r\n' \
   'reset -s' > "$TMP/startup.nsh"
 mcopy -o -i "$FS" "$TMP/startup.nsh" ::/startup.nsh
 
-if [ "$DEBUG" = 1 ]; then
-  echo "debug marker" > "$TMP/VELMARO_DEBUG.LOG"
-  mmd -i "$FS" ::/boot
-  mcopy -i "$FS" "$TMP/VELMARO_DEBUG.LOG" ::/boot/VELMARO_DEBUG.LOG
-fi
 echo "make_stick: $OUT"

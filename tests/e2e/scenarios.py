@@ -10,7 +10,8 @@ usage: scenarios.py [SCENARIO ...]   (default: all of them, in this order)
   first-boot         no state file, s-win-a active by names, records without partition keys: to s-win-b
   switch-back        s-win-a -> s-win-b -> s-win-a on the same stick
   already-active     s-win-a requested while active: nothing but the run's own files written
-  unknown-id         an ID the entries file lacks: error, key wait, nothing changed, no installer
+  unknown-id         an ID the entries file lacks, advanced diagnostics on: error, key wait, nothing changed
+  no-group-id        no load options: the error and the key wait are the whole log, nothing changed
   wrong-bcd          s-win-a active under a \\boot\\BCD of no group: repaired, the wrong one kept as BCD_BAK
   sibling            s-win-b on a sibling FAT32 partition 2 (EFI folder moved by the shell's mv), and back
   gpt                s-win-a -> s-win-b on a GPT stick
@@ -34,6 +35,9 @@ QEMU_LIMIT = 50  # seconds; a switch boots in well under half of it under TCG
 KEY_PROMPT, KEY_PAUSE = "Premere un tasto per continuare", 1.0
 OK, NOT_FOUND = "Success (0x0)", "Not Found (0x800000000000000E)"
 END = "=== Velmaro log end ===\n"
+START, HEAD = "\n\n=== Velmaro log start ===\n", ["Velmaro UEFI\n", "Target: X64\n"]
+DIAGNOSTICS = {False: "Advanced diagnostics: disabled\n", True: "Advanced diagnostics: enabled by \\boot\\VELMARO_DEBUG.LOG\n"}
+DATE = re.compile(r"Data/ora firmware log: (\d{4})-(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d) timezone=(-?\d+) daylight=0x[0-9A-Fa-f]+\n")
 # The shell's %lasterror% clears the top bit of a failing EFI status.
 SHELL_OK, SHELL_NOT_FOUND = "0x0", "0xE"
 WRITE_TEST = b"Velmaro UEFI write test OK"
@@ -49,13 +53,17 @@ def check(name, ok, detail=""):
 
 def boot(stick, label, options=None, answers=0, status=SHELL_OK):
     """One boot of the stick (with new load options when given); the log's messages
-    (CR LF read as LF) and the serial console."""
-    if options:
+    (CR LF read as LF) and the serial console. Checks what every log must be, whatever
+    the run did: UTF-16LE without a byte-order mark, CR LF line ends, one stamp opening
+    every message, stamps that never decrease and count the key wait, the banner, every
+    stamped line also on the console, and the end line."""
+    if options is not None:
         stick.set_options(options)
     stick.delete_run_files()  # nothing an earlier boot left may answer for this one
     done = run_qemu.boot(stick.img, QEMU_LIMIT, KEY_PROMPT, f"{stick.img}.{label}.serial.txt", echo=False,
                          answer_delay=KEY_PAUSE)
-    text = stick.log() or ""
+    raw = stick.read(1, LOG) or b""
+    text = raw.decode("utf-16-le", "replace")
     parts = STAMP.split(text)
     stamps, messages = [int(s) for s in parts[1::2]], [m.replace("\r\n", "\n") for m in parts[2::2]]
     app_ms = stamps[-1] - stamps[0] if stamps else None
@@ -65,11 +73,33 @@ def boot(stick, label, options=None, answers=0, status=SHELL_OK):
     check(f"QEMU powered off by itself within {QEMU_LIMIT} s", done["powered_off"],
           "timed out" if done["timed_out"] else f"exit {done['returncode']}")
     check(f"the key prompt was answered {answers} time(s)", done["answers"] == answers, f"answered {done['answers']}")
-    raw = stick.read(1, "status.txt")
-    shell = raw and raw.decode("utf-16" if raw.startswith(b"\xff\xfe") else "ascii", "replace").strip()
+    raw_status = stick.read(1, "status.txt")
+    shell = raw_status and raw_status.decode("utf-16" if raw_status.startswith(b"\xff\xfe") else "ascii", "replace").strip()
     check(f"the shell recorded status {status}", shell == status, f"status.txt says {shell!r}")
+    check("the log is UTF-16LE without a byte-order mark, every line ending CR LF",
+          raw and not raw.startswith(b"\xff\xfe") and text.endswith("\r\n") and not re.search(r"\r(?!\n)|(?<!\r)\n", text))
+    check("a stamp opens every message and stamps never decrease", parts[0] == "" and stamps == sorted(stamps)
+          and all(m.endswith("\n") for m in messages), f"stamps {stamps[:12]}, log starts {text[:40]!r}")
+    date = DATE.fullmatch(messages[2]) if len(messages) > 2 else None
+    check("the banner: log start, diagnostics, a plausible firmware date, name and target",
+          messages[:2] == [START, DIAGNOSTICS[stick.debug]] and date and plausible(date) and messages[3:5] == HEAD,
+          f"{messages[:5]}")
+    prompt = [i for i, m in enumerate(messages) if KEY_PROMPT in m]
+    if prompt and prompt[0] + 1 < len(stamps):
+        # The key came KEY_PAUSE after the prompt at the earliest, so the next stamp shows it.
+        waited = stamps[prompt[0] + 1] - stamps[prompt[0]]
+        check(f"the stamps count the {KEY_PAUSE:g} s key wait", waited >= KEY_PAUSE * 1000, f"{waited} ms")
+    console = done["console"].replace("\r\n", "\n")
+    missing = [m for s, m in zip(stamps, messages) if f"[+{s:08d} ms] {m}"[:300] not in console]
+    check("the console showed every stamped line", not missing, f"{missing[:3]}")
     check("the log is complete: it ends with the end line", messages[-1:] == [END], f"log ends {text[-200:]!r}")
     return messages, done["console"]
+
+
+def plausible(date):
+    year, month, day, hour, minute, second, tz = (int(g) for g in date.groups())
+    return (year >= 2000 and 1 <= month <= 12 and 1 <= day <= 31 and hour < 24 and minute < 60 and second < 60
+            and (-1440 <= tz <= 1440 or tz == 2047))
 
 
 def lines_in_order(messages, wanted, absent=()):
@@ -232,12 +262,24 @@ def already_active():
 
 
 def unknown_id():
-    stick = make(img("unknown-id"), abc(), {"s-win-a"}, "s-win-zzz")
+    stick = make(img("unknown-id"), abc(), {"s-win-a"}, "s-win-zzz", debug=True)
     before = {p: stick.tree(p) for p in stick.parts}
     log, console = boot(stick, "unknown-id", answers=1, status=SHELL_NOT_FOUND)
-    lines_in_order(log, ["ID ricevuto: s-win-zzz\n", f"ERRORE: parsing/validazione NUR_VEL_EFI.COM: {NOT_FOUND}\n",
+    lines_in_order(log, ["ID ricevuto: s-win-zzz\n", f"LoadedImage: {OK}\n", "VELMARO_APP: started from FAT32 partition 1\n",
+                         f"OpenRoot FAT32 app: {OK}\n", f"ERRORE: parsing/validazione NUR_VEL_EFI.COM: {NOT_FOUND}\n",
                          f"\nERRORE: esecuzione Velmaro non riuscita: {NOT_FOUND}\n", "\n" + KEY_PROMPT + "...\n", END],
                    absent=["\nrecovery phase\n"])
+    unchanged(stick, before)
+    expect_installer(stick, console)
+
+
+def no_group_id():
+    stick = make(img("no-group-id"), abc(), {"s-win-a"}, "")
+    before = {p: stick.tree(p) for p in stick.parts}
+    log, console = boot(stick, "no-group-id", answers=1, status=SHELL_NOT_FOUND)
+    check("the log holds the banner, the mode, the error, the prompt and the end line, nothing else",
+          log[3:] == HEAD + ["Modalita: FAT32 legacy test\n", f"\nERRORE: esecuzione Velmaro non riuscita: {NOT_FOUND}\n",
+                             "\n" + KEY_PROMPT + "...\n", END], f"{log[3:]}")
     unchanged(stick, before)
     expect_installer(stick, console)
 
@@ -325,7 +367,7 @@ def ntfs_test(driver):
 
 
 SCENARIOS = {"first-boot": first_boot, "switch-back": switch_back, "already-active": already_active,
-             "unknown-id": unknown_id, "wrong-bcd": wrong_bcd, "sibling": sibling, "gpt": gpt, "cut-run": cut_run,
+             "unknown-id": unknown_id, "no-group-id": no_group_id, "wrong-bcd": wrong_bcd, "sibling": sibling, "gpt": gpt, "cut-run": cut_run,
              "ntfs-test": lambda: ntfs_test(True), "ntfs-test-no-driver": lambda: ntfs_test(False)}
 
 

@@ -125,6 +125,7 @@ class Stick:
     def __init__(self, img, groups=(), parts=(1,)):
         self.img, self.groups, self.parts = img, list(groups), parts
         self.fixed = {p: {} for p in parts}  # what is no group's: the application, data files, markers
+        self.debug = False
 
     def fs(self, part):
         return f"{self.img}@@{OFFSETS[part]}"
@@ -192,14 +193,15 @@ class Stick:
         return {p: {k.lower() if fold else k: v for k, v in t.items()} for p, t in trees.items()}
 
 
-def make(img, groups, active, options, gpt=False, sibling=False, state=True, complete=True, describe=(), driver=False):
+def make(img, groups, active, options, gpt=False, sibling=False, state=True, complete=True, describe=(), driver=False,
+         debug=False):
     """A fresh stick at img: groups (Group), active (IDs carrying the active
     names), load options; gpt labels it GPT; sibling adds partition 2; state writes the
     state file naming the active group of partition 1 (bytes: exactly these); complete
     gives records their SRC_PART and SRC_FS (always so on partition 2, where a record
     without them belongs to no volume); describe lists IDs whose group description file
     names partition 2's uuid marker; driver puts the stand-in driver at
-    \\efi\\boot\\ntfs_x64.efi."""
+    \\efi\\boot\\ntfs_x64.efi; debug puts the marker that turns the advanced diagnostics on."""
     os.makedirs(os.path.dirname(os.path.abspath(img)), exist_ok=True)
     run("bash", os.path.join(HERE, "make_stick.sh"), img, "--options", options, *(["--gpt"] if gpt else []))
     stick = Stick(img, groups, (1, 2) if sibling else (1,))
@@ -211,6 +213,8 @@ def make(img, groups, active, options, gpt=False, sibling=False, state=True, com
                            ENTRIES: entries.encode()})
     for gid in describe:
         stick.fixed[1][f"boot/{gid}.txt"] = f"Gruppo {gid} di prova\r\n{gid}-src\r\n{stick.uuid(2)}.uuid\r\n".encode()
+    if debug:
+        stick.debug, stick.fixed[1]["boot/VELMARO_DEBUG.LOG"] = True, b"debug marker\n"
     if driver:
         stick.fixed[1]["efi/boot/ntfs_x64.efi"] = open(DRIVER, "rb").read()
     stick.prepared = {g.id: g.record(stick.uuid(g.part) if complete or g.part == 2 else None) for g in groups}
