@@ -23,13 +23,12 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
 sys.path.insert(0, HERE)
 import run_qemu  # noqa: E402
-from sticks import P2_SECTORS, P2_START, SECTOR, Stick, add_fat32, put  # noqa: E402
+from sticks import DIR, P2_SECTORS, P2_START, SECTOR, Stick, add_fat32, folders_of, put, run  # noqa: E402
 
 PROBE = os.path.join(REPO, "build", "ShellMoveProbe.efi")
 WORK = os.path.join(REPO, "build", "e2e")
 QEMU_LIMIT = 40  # seconds; a boot with the move takes well under half of it under TCG
 P1 = "@@1M"  # make_stick.sh's partition fills the first 64 MiB; partition 2 follows it
-MTOOLS_ENV = dict(os.environ, MTOOLS_SKIP_CHECK="1")
 EFI_SUCCESS, EFI_ALREADY_STARTED, EFI_ERROR_BIT = 0, 0x8000000000000014, 0x8000000000000000
 
 WIN_B = b"s-win-b group marker\r\n"
@@ -46,33 +45,12 @@ def check(name, ok, detail=""):
     print(f"  {'PASS' if ok else 'FAIL'}: {name}" + ("" if ok or not detail else f" -- {detail}"))
 
 
-def mtools(*argv, data=b""):
-    """Runs an mtools command that has to work; its output."""
-    done = subprocess.run(argv, input=data, capture_output=True, env=MTOOLS_ENV)
-    if done.returncode != 0:
-        sys.exit(f"shell_move: {argv[:4]}: {done.stderr.decode(errors='replace')}")
-    return done.stdout
-
-
-def read_back(fs, path):
-    done = subprocess.run(["mtype", "-i", fs, "::" + path], capture_output=True, env=MTOOLS_ENV)
-    return done.stdout if done.returncode == 0 else None
-
-
 def files_of(uuid, moved, active_exists):
+    """Partition 2's tree as Stick.tree reads it: the group under the active or its own name."""
     group = "microsoft" if moved else "efi_b"
     files = {f"{uuid}.uuid": b"", f"efi/{group}/s-win-b.txt": WIN_B, f"efi/{group}/boot/bootmgfw.efi": BOOTMGR}
-    return files | ({"efi/microsoft/s-win-c.txt": WIN_C} if active_exists else {})
-
-
-def tree_of(files):
-    """Every path, folders ending in '/', as tree() lists them."""
-    return set(files) | {"/".join(p.split("/")[:i]) + "/" for p in files for i in range(1, p.count("/") + 1)}
-
-
-def tree(fs):
-    done = subprocess.run(["mdir", "-/", "-b", "-i", fs, "::/"], capture_output=True, env=MTOOLS_ENV)
-    return {line.strip()[3:].lower() for line in done.stdout.decode("latin-1").splitlines() if line.startswith("::/")}
+    files |= {"efi/microsoft/s-win-c.txt": WIN_C} if active_exists else {}
+    return files | {d: DIR for d in folders_of(files)}
 
 
 def make_stick(img, uuid, options, active_exists, zero_dated):
@@ -80,7 +58,7 @@ def make_stick(img, uuid, options, active_exists, zero_dated):
                    check=True, stdout=subprocess.DEVNULL)
     p2 = add_fat32(img, P2_START, P2_SECTORS, "SOURCE", serial=uuid.replace("-", ""))
     put(img + P1, {"efi/efi_b/s-win-a.txt": DECOY})
-    put(p2, files_of(uuid, False, active_exists))
+    put(p2, {p: d for p, d in files_of(uuid, False, active_exists).items() if d is not DIR})
     if zero_dated:  # creation tenths, time and date, access date; modification time and date
         with open(img, "r+b") as f:
             f.seek(P2_START * SECTOR)
@@ -100,19 +78,19 @@ def scenario(name, serial, with_uuid, active_exists=False, zero_dated=False):
     uuid = f"{serial[:4]}-{serial[4:]}".lower()  # as blkid prints a FAT serial
     given = uuid if with_uuid else ""
     p2 = make_stick(img, uuid, given and f"uuid={given}", active_exists, zero_dated)
+    stick = Stick(img, parts=(1, 2))
     if zero_dated:
-        listing = mtools("mdir", "-i", p2, "::/efi").decode("latin-1")
+        listing = run("mdir", "-i", p2, "::/efi").decode("latin-1")
         check("\\efi\\efi_b has no date before the boot", re.search(r"^efi_b +<DIR> +1980-00-00 +0:00", listing, re.M),
               listing)
-    before = tree(p2)
-    check("partition 2 holds the group before the boot",
-          before == tree_of(files_of(uuid, False, active_exists)), f"{sorted(before)}")
+    before = stick.tree(2)
+    check("partition 2 holds the group before the boot", before == files_of(uuid, False, active_exists), f"{sorted(before)}")
 
     boot = run_qemu.boot(img, QEMU_LIMIT, None, img + ".serial.txt", echo=False)
     check(f"QEMU powered off by itself within {QEMU_LIMIT} s ({boot['seconds']:.1f} s)", boot["powered_off"],
           "timed out" if boot["timed_out"] else f"exit {boot['returncode']}")
 
-    log = (read_back(img + P1, "/velmaro_log.txt") or b"").decode("utf-16-le", "replace")
+    log = (stick.read(1, "velmaro_log.txt") or b"").decode("utf-16-le", "replace")
     status = re.search(r"Probe: uuid \"(.*)\", status .* \(0x([0-9A-Fa-f]+)\)", log)
     check("the probe logged its status in \\velmaro_log.txt", status, f"log {log[-300:]!r}")
     code = int(status.group(2), 16) if status else None
@@ -129,14 +107,12 @@ def scenario(name, serial, with_uuid, active_exists=False, zero_dated=False):
         check("the log shows the move verified on a fresh root", "Shell mv verified OK:" in log)
 
     moved = not active_exists and not zero_dated
-    files, after = files_of(uuid, moved, active_exists), tree(p2)
+    want, after = files_of(uuid, moved, active_exists), stick.tree(2)
+    differ = sorted(p for p in set(want) | set(after) if want.get(p, "<absent>") != after.get(p, "<absent>"))
     check("partition 2 holds " + ("the group under \\efi\\microsoft" if moved else "what it held before")
-          + " and nothing else", after == tree_of(files), f"{sorted(after)}")
-    changed = [path for path, data in files.items() if read_back(p2, "/" + path) != data]
-    check("every file on partition 2 keeps its bytes", not changed, f"{changed}")
-    check("the boot volume's own \\efi\\efi_b is untouched",
-          read_back(img + P1, "/efi/efi_b/s-win-a.txt") == DECOY)
-    check("fsck.fat finds partition 2 consistent", *Stick(img, parts=(1, 2)).fsck(2))
+          + ", every file with its bytes, and nothing else", not differ, f"differ: {differ}")
+    check("the boot volume's own \\efi\\efi_b is untouched", stick.read(1, "efi/efi_b/s-win-a.txt") == DECOY)
+    check("fsck.fat finds partition 2 consistent", *stick.fsck(2))
 
 
 SCENARIOS = {  # each stick its own serial, with hex letters: the marker is named in lower case
