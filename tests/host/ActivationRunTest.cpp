@@ -81,14 +81,6 @@ class RunTest : public HostTest {
     return v;
   }
 
-  EFI_STATUS LaunchInstallerFor (const VOLUME_REF &volume) { return LaunchInstaller (fw.image, &volume); }
-
-  static std::string PointerText (const void *pointer) {
-    CHAR16 text[32];
-    UnicodeSPrint (text, sizeof (text), W (u"%p"), pointer);
-    return Str (text);
-  }
-
   size_t StartedApplications () const {
     return static_cast<size_t>(std::count_if (fw.images.begin (), fw.images.end (), [](const auto &i) { return i->started && i->driver.application; }));
   }
@@ -99,16 +91,14 @@ class RunTest : public HostTest {
     return _ModuleEntryPoint (fw.image, &fw.st);
   }
 
-  // Which group carries the active names (-1: none), judged by the markers and the store.
+  // Which group carries the active names (-1: none, 100+n: only some pieces of n), judged
+  // by the markers and the store.
   int ActiveGroup (const fake::Volume &v) const {
-    for (size_t i = 0; i < kGroups.size (); ++i) {
-      const GroupNames &g = kGroups[i];
-      if (v.Exists ("\\sources\\" + g.id + ".txt") || v.Exists ("\\efi\\microsoft\\" + g.id + ".txt") ||
-          ActiveStore (v) == StoreOf (g)) {
-        const bool whole = v.Exists ("\\sources\\" + g.id + ".txt") && v.Exists ("\\efi\\microsoft\\" + g.id + ".txt") &&
-                           ActiveStore (v) == StoreOf (g);
-        return whole ? static_cast<int>(i) : 100 + static_cast<int>(i);   // 100+: only part of it
-      }
+    for (int i = 0; i < static_cast<int>(kGroups.size ()); ++i) {
+      const GroupNames &g      = kGroups[i];
+      const int        pieces = v.Exists ("\\sources\\" + g.id + ".txt") + v.Exists ("\\efi\\microsoft\\" + g.id + ".txt") +
+                                (ActiveStore (v) == StoreOf (g));
+      if (pieces > 0) return pieces == 3 ? i : 100 + i;
     }
     return -1;
   }
@@ -140,6 +130,8 @@ TEST_F (RunTest, SwitchThereAndBackMovesOnlyNamesAndStartsTheRequestedInstaller)
   EXPECT_EQ (fw.keyWaits, 0u);
   ExpectNoGroupDataLost (before, boot, kGroups);
   const std::vector<std::string> lines = Lines (LogText ());
+  CHAR16                         self[32];
+  UnicodeSPrint (self, sizeof (self), W (u"%p"), fw.image);
   for (const std::string &line : std::vector<std::string>{
          "ID ricevuto: s-win-b", "VELMARO_APP: started from FAT32 partition 1",
          "Stato corrente: BCD=bcd_a SRC=grp_a EFI=efi_a SRC_PART=" + uuid + " SRC_FS=FAT32",
@@ -147,7 +139,7 @@ TEST_F (RunTest, SwitchThereAndBackMovesOnlyNamesAndStartsTheRequestedInstaller)
          "current state: BCD=bcd_a SRC=grp_a EFI=efi_a SRC_PART=" + uuid + " SRC_FS=FAT32", "renewal phase",
          "Fase rinomina: stato locale ricostruito ID=s-win-b BCD=bcd_b SRC=grp_b EFI=efi_b SRC_PART=" + uuid + " SRC_FS=FAT32",
          "SUCCESSO: fase SOURCE FS completata e verificata", "Avvio installer Windows: path=\\sources\\bootx64.efi",
-         "Verifica \\sources\\bootx64.efi: Success (0x0), exists=1", "found efi 64", "LoadImage parent usato: ImageHandle " + PointerText (fw.image),
+         "Verifica \\sources\\bootx64.efi: Success (0x0), exists=1", "found efi 64", "LoadImage parent usato: ImageHandle " + Str (self),
          "StartImage(\\sources\\bootx64.efi): Success (0x0)", "=== Velmaro log end ===" }) {
     EXPECT_NE (std::find (lines.begin (), lines.end (), line), lines.end ()) << line << "\n" << LogText ();
   }
@@ -379,7 +371,7 @@ TEST_F (RunTest, InstallerLaunchFallsBackToTheParentImageOnlyForARefusedParent) 
     fw.faults.Set (row.fault);
     fw.faults.Add (row.extra);
     const size_t mark = Lines (LogText ()).size ();
-    EXPECT_EQ (LaunchInstallerFor (bootFs), row.status);
+    EXPECT_EQ (LaunchInstaller (fw.image, &bootFs), row.status);
     fw.faults.Reset ();
     EXPECT_EQ (fw.loads.size (), row.loads);
     EXPECT_EQ (fw.ImagesLoadedNotStarted (), 0u);
@@ -389,7 +381,7 @@ TEST_F (RunTest, InstallerLaunchFallsBackToTheParentImageOnlyForARefusedParent) 
 
   boot.Remove ("\\sources\\bootx64.efi");
   fw.loads.clear ();
-  EXPECT_EQ (LaunchInstallerFor (bootFs), EFI_NOT_FOUND);
+  EXPECT_EQ (LaunchInstaller (fw.image, &bootFs), EFI_NOT_FOUND);
   EXPECT_TRUE (fw.loads.empty ());
   EXPECT_EQ (Lines (LogText ()).back (), "\\sources\\bootx64.efi not found");
 }
