@@ -188,6 +188,8 @@ TEST_F (RunTest, RunsThatEndEarlyLeaveTheStickAsItWas) {
     { "entries file unreadable", u"s-win-b", "", { Op::Read, EFI_DEVICE_ERROR, 0, "NUR_VEL_EFI" }, EFI_DEVICE_ERROR, "" },
     { "state file unreadable", u"s-win-b", "", { Op::Read, EFI_DEVICE_ERROR, 0, "VELMARO.COM" }, EFI_DEVICE_ERROR, "" },
     { "boot volume root not opened", u"s-win-b", "", { Op::OpenVolume, EFI_NO_MEDIA, 2 }, EFI_NO_MEDIA, "" },
+    // The active check cannot tell: no switch may follow on a guess.
+    { "active group's record unreadable", u"s-win-a", "", { Op::Read, EFI_DEVICE_ERROR, 2, "recovery.txt" }, EFI_DEVICE_ERROR, "" },
     { "installer refused by the platform", u"s-win-a", "", { Op::LoadImage, EFI_SECURITY_VIOLATION }, EFI_SECURITY_VIOLATION,
       "LoadImage(\\sources\\bootx64.efi, parent=ImageHandle): Security Violation (0x800000000000001A), Image=" },
     // Metadata put b on an NTFS partition that never appears: no other volume will do.
@@ -203,7 +205,7 @@ TEST_F (RunTest, RunsThatEndEarlyLeaveTheStickAsItWas) {
     const auto before = Content (v);
     fw.keyWaits       = 0;
     fw.faults.Set (row.fault);
-    EXPECT_EQ (Start (row.options), row.status);
+    EXPECT_EQ (Start (row.options), row.status) << LogText (v);
     fw.faults.Reset ();
     EXPECT_EQ (Changed (before, Content (v)), std::vector<std::string>{});
     EXPECT_EQ (fw.keyWaits, 1u);
@@ -282,6 +284,8 @@ TEST_F (RunTest, StateFileThatNamesNoGroupIsNotAnError) {
     else v.Put ("\\boot\\VELMARO.COM", row.stateFile);
     const auto before = v.Snapshot ();
     EXPECT_EQ (Start (u"s-win-b"), EFI_SUCCESS) << LogText (v);
+    // Half a record is not half trusted: the recovery starts from no group at all.
+    EXPECT_TRUE (Has (LogText (v), "] current state: BCD=(missing) SRC=(missing) EFI=(missing) SRC_PART=(missing) SRC_FS=(missing)\r\n"));
     EXPECT_EQ (ActiveGroup (v), 1);
     EXPECT_EQ (v.Get ("\\boot\\VELMARO.COM"), StateOf (kGroups[1], uuid));
     ExpectNoGroupDataLost (before, v, kGroups);
