@@ -148,13 +148,9 @@ TEST_F (FsIdentificationTest, FailuresLeaveOutputEmptyAndReturnTheirStatus) {
 }
 
 TEST_F (FsIdentificationTest, ArgumentsAreCheckedBeforeTheFirmwareIsAsked) {
-  const struct {
-    const char  *kind;
-    size_t      entry;
-    UINTN       smallest;
-    const char  *type;   // DetectFsType's answer
-  } rows[] = { { "fat32", 0, 10, nullptr }, { "exfat", 1, 10, nullptr }, { "ntfs", 2, 17, nullptr }, { "fat16", 3, 10, nullptr },
-               { "exfat", 4, 6, "exFAT" } };
+  // type: DetectFsType's answer
+  const struct { const char *kind; size_t entry; UINTN smallest; const char *type; } rows[] = {
+    { "fat32", 0, 10, nullptr }, { "exfat", 1, 10, nullptr }, { "ntfs", 2, 17, nullptr }, { "fat16", 3, 10, nullptr }, { "exfat", 4, 6, "exFAT" } };
 
   for (const auto &row : rows) {
     const Entry &entry  = kEntries[row.entry];

@@ -44,16 +44,21 @@ class PhaseTest : public HostTest {
 
   EFI_STATUS Recover () { return RunRecoveryPhase (&context, context.EntriesText); }
 
-  // Runs body on a fresh copy of image mounted as the stick's boot volume (the log stays
-  // on the first one), so that table rows do not see each other's changes.
-  template <typename F> void OnCopy (const fake::Disk &image, F body) {
+  // Runs one table row on a fresh copy of image mounted as the stick's boot volume (the
+  // log stays on the first one), so that rows do not see each other's changes: arrange
+  // changes the copy, body acts on it, and no group's data may be lost between the two.
+  template <typename F> void OnCopy (const char *row, const fake::Disk &image, const std::function<void (fake::Volume &)> &arrange, F body) {
+    SCOPED_TRACE (row);
     fake::Volume &v = fw.AddVolume (image);
     fw.AddBlockIo (v.Handle (), fake::BootSectorImage ("fat32"));
     fw.SetDevicePath (v.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 1, 0x5EED));
     EFI_FILE_PROTOCOL *r = nullptr;
     ASSERT_EQ (OpenRoot (v.Handle (), &r), EFI_SUCCESS);
     context.BootHandle = v.Handle (), context.BootRoot = r;
+    arrange (v);
+    const auto before = v.Snapshot ();
     body (v, r);
+    ExpectNoGroupDataLost (before, v, kGroups);
     r->Close (r);
     context.BootHandle = boot.Handle (), context.BootRoot = root;
   }
@@ -71,42 +76,33 @@ class PhaseTest : public HostTest {
   // The renewal as the run makes it: the requested state, the volume, the renames.
   EFI_STATUS Renew (const char *id) { return RenewOn (boot, root, id); }
 
-  void ExpectActive (const GroupNames &g) {
-    EXPECT_EQ (boot.Get ("\\boot\\BCD"), StoreOf (g));
-    EXPECT_TRUE (boot.Exists ("\\sources\\" + g.id + ".txt")) << g.id;
-    EXPECT_TRUE (boot.Exists ("\\efi\\microsoft\\" + g.id + ".txt")) << g.id;
-  }
-
-  void ExpectInactive (const GroupNames &g) {
-    EXPECT_EQ (boot.Get ("\\boot\\" + g.bcd), StoreOf (g));
-    EXPECT_TRUE (boot.Exists ("\\" + g.src + "\\" + g.id + ".txt")) << g.id;
-    EXPECT_TRUE (boot.Exists ("\\efi\\" + g.efi + "\\" + g.id + ".txt")) << g.id;
+  // Group g with its store and marked folders under the active names, or under its own.
+  void ExpectGroup (const GroupNames &g, bool active) {
+    EXPECT_EQ (boot.Get (active ? "\\boot\\BCD" : "\\boot\\" + g.bcd), StoreOf (g));
+    EXPECT_TRUE (boot.Exists ((active ? "\\sources" : "\\" + g.src) + "\\" + g.id + ".txt")) << g.id;
+    EXPECT_TRUE (boot.Exists ((active ? "\\efi\\microsoft" : "\\efi\\" + g.efi) + "\\" + g.id + ".txt")) << g.id;
   }
 };
 
 TEST_F (PhaseTest, SwitchGivesTheActiveGroupItsNamesBackAndTheRequestedOneTheActiveNames) {
   const auto before = boot.Snapshot ();
   ASSERT_EQ (Recover (), EFI_SUCCESS);
-  ExpectInactive (kGroups[0]);
-  std::vector<std::string> lines = Lines (LogText ());
-  for (const char *line : { "Ripristino atomico: uso solo partizione corrente SRC_FS=FAT32 SRC_PART=", "recovery BCD: BCD=bcd_a OK",
-                            "recovery SRC: SRC=grp_a OK", "recovery EFI: EFI=efi_a OK" }) {
-    EXPECT_TRUE (std::any_of (lines.begin (), lines.end (), [&](const std::string &l) { return l.rfind (line, 0) == 0; })) << line;
+  ExpectGroup (kGroups[0], false);
+  for (const std::string &line : { "Ripristino atomico: uso solo partizione corrente SRC_FS=FAT32 SRC_PART=" + uuid + "\r\n",
+                                  std::string ("recovery BCD: BCD=bcd_a OK\r\n"), std::string ("recovery SRC: SRC=grp_a OK\r\n"),
+                                  std::string ("recovery EFI: EFI=efi_a OK\r\n") }) {
+    EXPECT_TRUE (Has (LogText (), "] " + line));
   }
 
   // On a stick already restored every step finds nothing of the group under the active names.
   const auto restored = Content (boot);
   ASSERT_EQ (Recover (), EFI_SUCCESS);
   EXPECT_EQ (Content (boot), restored);
-  EXPECT_TRUE (Has (LogText (), "] recovery BCD: BCD=(unknown) SKIP (not active)\r\n"));
-  EXPECT_TRUE (Has (LogText (), "] recovery SRC: SRC=(unknown) SKIP (not active)\r\n"));
-  EXPECT_TRUE (Has (LogText (), "] recovery EFI: EFI=(unknown) SKIP (not active)\r\n"));
+  for (const std::string step : { "BCD", "SRC", "EFI" }) EXPECT_TRUE (Has (LogText (), "] recovery " + step + ": " + step + "=(unknown) SKIP (not active)\r\n"));
   EXPECT_FALSE (Has (LogText (), "marker ID non risolto")) << "an active name that is not there has no marker to resolve";
 
   ASSERT_EQ (Renew ("s-win-b"), EFI_SUCCESS);
-  ExpectActive (kGroups[1]);
-  ExpectInactive (kGroups[0]);
-  ExpectInactive (kGroups[2]);
+  for (const GroupNames &g : kGroups) ExpectGroup (g, &g == &kGroups[1]);
   ExpectNoGroupDataLost (before, boot, kGroups);
   const std::string log = Log ();
   EXPECT_TRUE (Has (log, "] Fase rinomina: SOURCE_FS atomico verificato SRC_FS=FAT32 SRC_PART=" + uuid + "\r\n"));
@@ -115,14 +111,9 @@ TEST_F (PhaseTest, SwitchGivesTheActiveGroupItsNamesBackAndTheRequestedOneTheAct
 
 // Recovery of group a on one volume, from what is found under the active names.
 TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
-  const struct {
-    const char                                 *name;
-    std::function<void (fake::Volume &)>       arrange;
-    EFI_STATUS                                 status;
-    std::vector<std::pair<std::string, std::string>> after;   // path -> bytes ("" only exists, "-" absent)
-    const char                                 *line;
-    fake::Fault                                fault = {};
-  } rows[] = {
+  // after: path -> bytes ("" only exists, "-" absent)
+  const struct { const char *name; std::function<void (fake::Volume &)> arrange; EFI_STATUS status; std::vector<std::pair<std::string, std::string>> after;
+                 const char *line; fake::Fault fault = {}; } rows[] = {
     { "duplicate source folder goes aside", [](fake::Volume &v) { v.Put ("\\grp_a\\s-win-a.txt", ""); v.Put ("\\sources.bak\\old", "o"); },
       EFI_SUCCESS, { { "\\sources.bak\\s-win-a.txt", "" }, { "\\sources.bak1\\old", "o" }, { "\\grp_a\\s-win-a.txt", "" } }, nullptr },
     { "group name holds another group", [](fake::Volume &v) { v.Put ("\\grp_a\\s-win-c.txt", ""); },
@@ -157,10 +148,7 @@ TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
   };
   const fake::Disk pristine = boot.DiskImage ();
   for (const auto &row : rows) {
-    SCOPED_TRACE (row.name);
-    OnCopy (pristine, [&](fake::Volume &v, EFI_FILE_PROTOCOL *) {
-      row.arrange (v);
-      const auto before = v.Snapshot ();
+    OnCopy (row.name, pristine, row.arrange, [&](fake::Volume &v, EFI_FILE_PROTOCOL *) {
       fw.faults.Set (row.fault);
       EXPECT_EQ (Recover (), row.status);
       fw.faults.Reset ();
@@ -170,7 +158,6 @@ TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
         else EXPECT_EQ (v.Get (path), bytes) << path;
       }
       if (row.line != nullptr) EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
-      ExpectNoGroupDataLost (before, v, kGroups);
     });
   }
 }
@@ -193,32 +180,26 @@ TEST_F (PhaseTest, RecordedPartitionThatIsNowhereChangesNothing) {
 TEST_F (PhaseTest, WithoutRecordedPartitionBootVolumeAndEverySiblingAreRestored) {
   // Two more partitions of the same stick, each holding group a's pieces under the
   // active names; a volume of another disk is not touched.
-  fake::Volume *siblings[2] = { &fw.AddVolume (), &fw.AddVolume () };
-  fake::Volume &other = fw.AddVolume ();
-  for (int i = 0; i < 2; ++i) {
-    fw.SetDevicePath (siblings[i]->Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 2 + i, 0x5EED));
-    PutGroup (*siblings[i], kGroups[0], true);
-  }
-  fw.SetDevicePath (other.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (2), 2, 0x7777));
-  PutGroup (other, kGroups[0], true);
+  const auto withGroupA = [&](uint8_t port, uint32_t number, UINT32 signature) {
+    fake::Volume &v = fw.AddVolume ();
+    fw.SetDevicePath (v.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (port), number, signature));
+    PutGroup (v, kGroups[0], true);
+    return &v;
+  };
+  fake::Volume *siblings[] = { withGroupA (1, 2, 0x5EED), withGroupA (1, 3, 0x5EED) }, *other = withGroupA (2, 2, 0x7777);
   SetField (context.Current.SrcPart, "");
 
   ASSERT_EQ (Recover (), EFI_SUCCESS);
   for (fake::Volume *v : { &boot, siblings[0], siblings[1] }) EXPECT_TRUE (v->Exists ("\\grp_a\\s-win-a.txt"));
-  EXPECT_TRUE (other.Exists ("\\sources\\s-win-a.txt"));
+  EXPECT_TRUE (other->Exists ("\\sources\\s-win-a.txt"));
   EXPECT_TRUE (Has (Log (), "] Ripristino atomico: SRC_PART corrente assente, uso recovery legacy su partizioni visibili\r\n"));
 }
 
 // What stands under an active name the requested group needs.
 TEST_F (PhaseTest, RenewalPutsWhatBlocksTheActiveNamesWithItsOwnerOrAside) {
-  const struct {
-    const char                               *name;
-    std::function<void (fake::Volume &)>     arrange;
-    EFI_STATUS                               status;
-    const char                               *where;   // where the folder that was in the way ends
-    std::string                              line;
-  } rows[] = {
-    { "another valid group", [](fake::Volume &v) { v.Put ("\\sources\\s-win-c.txt", ""); v.Remove ("\\grp_c\\s-win-c.txt"); v.Remove ("\\grp_c\\recovery.txt"); v.Remove ("\\grp_c\\install.wim"); v.Remove ("\\grp_c"); },
+  // where: where the folder that was in the way ends
+  const struct { const char *name; std::function<void (fake::Volume &)> arrange; EFI_STATUS status; const char *where; std::string line; } rows[] = {
+    { "another valid group", [](fake::Volume &v) { v.Put ("\\sources\\s-win-c.txt", ""); v.Remove ("\\grp_c"); },
       EFI_SUCCESS, "\\grp_c\\s-win-c.txt", "Fase rinomina: destinazione \\sources contiene ID diverso valido s-win-c, normalizzo in \\grp_c" },
     { "nobody's, older side name kept", [](fake::Volume &v) { v.Put ("\\sources\\notes.txt", "n"); v.Put ("\\sources.bak\\old", "o"); },
       EFI_SUCCESS, "\\sources.bak\\notes.txt", "Destinazione \\sources non attribuibile/coerente, sposto in .bak: Not Found (0x800000000000000E)" },
@@ -248,17 +229,13 @@ TEST_F (PhaseTest, RenewalPutsWhatBlocksTheActiveNamesWithItsOwnerOrAside) {
   ASSERT_EQ (Recover (), EFI_SUCCESS);
   const fake::Disk restored = boot.DiskImage ();
   for (const auto &row : rows) {
-    SCOPED_TRACE (row.name);
-    OnCopy (restored, [&](fake::Volume &v, EFI_FILE_PROTOCOL *r) {
-      row.arrange (v);
-      const auto before = v.Snapshot ();
+    OnCopy (row.name, restored, row.arrange, [&](fake::Volume &v, EFI_FILE_PROTOCOL *r) {
       EXPECT_EQ (RenewOn (v, r, "s-win-b"), row.status);
       EXPECT_TRUE (v.Exists (row.where)) << row.where;
       EXPECT_EQ (v.Exists ("\\grp_b\\install.wim"), row.status != EFI_SUCCESS) << "group b moved only on success";
       EXPECT_EQ (v.Exists ("\\boot\\bcd_b"), row.status != EFI_SUCCESS);
       if (row.status == EFI_SUCCESS) EXPECT_TRUE (v.Get ("\\boot\\BCD") == "store of s-win-b" && v.Exists ("\\efi\\microsoft\\s-win-b.txt"));
       EXPECT_TRUE (Has (LogText (), "] " + row.line + "\r\n"));
-      ExpectNoGroupDataLost (before, v, kGroups);
     });
   }
 }
@@ -267,34 +244,25 @@ TEST_F (PhaseTest, RenewalPutsWhatBlocksTheActiveNamesWithItsOwnerOrAside) {
 // active before is never touched; a rollback that fails is reported and the next one runs.
 TEST_F (PhaseTest, FailedRenameIsRolledBackInReverseOrder) {
   const EFI_STATUS denied = EFI_ACCESS_DENIED;
-  const struct {
-    const char                *name;
-    std::vector<fake::Fault>  faults;
-    bool                      storeActiveBefore;
-    std::vector<const char *> active, inactive;   // paths that must exist afterwards
-    const char                *line;
-  } rows[] = {
-    { "EFI fails", { { Op::SetInfo, denied, 1, "efi_b->" } }, false, {}, { "\\boot\\bcd_b", "\\grp_b\\s-win-b.txt", "\\efi\\efi_b\\s-win-b.txt" },
+  // kept: paths that must exist afterwards
+  const struct { const char *name; std::vector<fake::Fault> faults; bool storeActiveBefore; std::vector<const char *> kept; const char *line; } rows[] = {
+    { "EFI fails", { { Op::SetInfo, denied, 1, "efi_b->" } }, false, { "\\boot\\bcd_b", "\\grp_b\\s-win-b.txt", "\\efi\\efi_b\\s-win-b.txt" },
       "ERRORE: fase rinomina EFI fallita: \\efi\\efi_b -> \\efi\\microsoft: Access Denied (0x800000000000000F)" },
-    { "SRC fails", { { Op::SetInfo, denied, 1, "grp_b->" } }, false, {}, { "\\boot\\bcd_b", "\\grp_b\\s-win-b.txt" },
+    { "SRC fails", { { Op::SetInfo, denied, 1, "grp_b->" } }, false, { "\\boot\\bcd_b", "\\grp_b\\s-win-b.txt" },
       "ERRORE: fase rinomina SRC fallita: \\grp_b -> \\sources: Access Denied (0x800000000000000F)" },
-    { "SRC fails, store active before", { { Op::SetInfo, denied, 1, "grp_b->" } }, true, { "\\boot\\BCD" }, { "\\grp_b\\s-win-b.txt" }, nullptr },
+    { "SRC fails, store active before", { { Op::SetInfo, denied, 1, "grp_b->" } }, true, { "\\boot\\BCD", "\\grp_b\\s-win-b.txt" }, nullptr },
     { "EFI fails and so does the SRC rollback", { { Op::SetInfo, denied, 1, "efi_b->" }, { Op::SetInfo, denied, 1, "\\sources->" } }, false,
-      { "\\sources\\s-win-b.txt" }, { "\\boot\\bcd_b" }, "Rollback rinomina fallito: \\sources -> \\grp_b: Access Denied (0x800000000000000F)" },
+      { "\\sources\\s-win-b.txt", "\\boot\\bcd_b" }, "Rollback rinomina fallito: \\sources -> \\grp_b: Access Denied (0x800000000000000F)" },
   };
   ASSERT_EQ (Recover (), EFI_SUCCESS);
   const fake::Disk restored = boot.DiskImage ();
   for (const auto &row : rows) {
-    SCOPED_TRACE (row.name);
-    OnCopy (restored, [&](fake::Volume &v, EFI_FILE_PROTOCOL *r) {
-      if (row.storeActiveBefore) v.Put ("\\boot\\BCD", v.Get ("\\boot\\bcd_b")), v.Remove ("\\boot\\bcd_b");
-      const auto before = v.Snapshot ();
+    const auto storeActive = [&](fake::Volume &v) { if (row.storeActiveBefore) v.Put ("\\boot\\BCD", v.Get ("\\boot\\bcd_b")), v.Remove ("\\boot\\bcd_b"); };
+    OnCopy (row.name, restored, storeActive, [&](fake::Volume &v, EFI_FILE_PROTOCOL *r) {
       EXPECT_EQ (RenewOn (v, r, "s-win-b", row.faults), denied);
-      for (const char *path : row.active) EXPECT_TRUE (v.Exists (path)) << path;
-      for (const char *path : row.inactive) EXPECT_TRUE (v.Exists (path)) << path;
+      for (const char *path : row.kept) EXPECT_TRUE (v.Exists (path)) << path;
       if (row.storeActiveBefore) EXPECT_FALSE (v.Exists ("\\boot\\bcd_b")) << "a store active before was renamed";
       if (row.line != nullptr) EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
-      ExpectNoGroupDataLost (before, v, kGroups);
     });
   }
 }

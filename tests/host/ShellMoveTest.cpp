@@ -9,6 +9,8 @@
 
 namespace {
 
+const GroupNames kA = { "bcd_a", "grp_a", "efi_a", "s-win-a" }, kB = { "bcd_b", "grp_b", "efi_b", "s-win-b" };
+
 // Boot volume: partition 1 of a USB stick, holding a decoy "\efi\efi_b" without marker.
 // Partition 2: FAT32 with serial 1234-abcd, its uuid marker and group b's EFI folder.
 class ShellMoveTest : public HostTest {
@@ -28,7 +30,7 @@ class ShellMoveTest : public HostTest {
     boot.Put ("\\efi\\efi_b\\s-win-a.txt", "");
     sibling.Put ("\\" + uuid + ".uuid", "");
     sibling.Put ("\\efi\\efi_b\\s-win-b.txt", "");
-    sibling.Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of b");
+    sibling.Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of s-win-b");
     OpenBoot (true);
     ASSERT_EQ (OpenRoot (sibling.Handle (), &siblingRoot), EFI_SUCCESS);
     fw.shell.UseShellProtocol (true);
@@ -46,7 +48,7 @@ class ShellMoveTest : public HostTest {
 
   bool Moved () const {
     const char *loader = "\\efi\\microsoft\\boot\\bootmgfw.efi";
-    return sibling.Exists (loader) && sibling.Get (loader) == "boot manager of b" && !sibling.Exists ("\\efi\\efi_b");
+    return sibling.Exists (loader) && sibling.Get (loader) == "boot manager of s-win-b" && !sibling.Exists ("\\efi\\efi_b");
   }
 
   bool Ran (const std::string &start) const {
@@ -55,13 +57,8 @@ class ShellMoveTest : public HostTest {
 };
 
 TEST_F (ShellMoveTest, FolderIsMovedOnTheVolumeTheShellNamesAndProvedOnTheVolume) {
-  const struct {
-    const char                    *name;
-    const char                    *uuid;
-    std::function<void (fake::Firmware &)> arrange;
-    EFI_STATUS                    status;
-    const char                    *line;   // a log line, without its stamp
-  } rows[] = {
+  // line: a log line, without its stamp
+  const struct { const char *name, *uuid; std::function<void (fake::Firmware &)> arrange; EFI_STATUS status; const char *line; } rows[] = {
     { "by uuid marker on a block device", "1234-abcd", nullptr, EFI_SUCCESS, "Shell blk mv verified: blk1: mv \"blk1:\\efi\\efi_b\" \"blk1:\\efi\\microsoft\"" },
     { "by the shell's own mapping", nullptr, nullptr, EFI_SUCCESS, "Shell mv: SOURCE_FS mappata via EFI_SHELL_PROTOCOL come FS1:" },
     { "by the older environment's marker probe", "1234-abcd", [](fake::Firmware &f) {
@@ -88,14 +85,13 @@ TEST_F (ShellMoveTest, FolderIsMovedOnTheVolumeTheShellNamesAndProvedOnTheVolume
     EXPECT_EQ (Moved (), row.status == EFI_SUCCESS);
     EXPECT_TRUE (boot.Exists ("\\efi\\efi_b\\s-win-a.txt")) << "the boot volume's folder of the same name moved";
     EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
-    ExpectNoGroupDataLost (before, sibling, { { "bcd_b", "grp_b", "efi_b", "s-win-b" } });
+    ExpectNoGroupDataLost (before, sibling, { kB });
     // The next row starts on the stick as it was, with the shell as OVMF has it.
     fw.faults.Reset ();
     fw.shell.UseEnvironment2 (false), fw.shell.UseShellProtocol (true), fw.shell.commands.clear ();
     if (sibling.Exists ("\\efi\\microsoft")) {
-      sibling.Remove ("\\efi\\microsoft\\boot\\bootmgfw.efi"), sibling.Remove ("\\efi\\microsoft\\boot"), sibling.Remove ("\\efi\\microsoft\\s-win-b.txt");
       sibling.Remove ("\\efi\\microsoft");
-      sibling.Put ("\\efi\\efi_b\\s-win-b.txt", ""), sibling.Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of b");
+      sibling.Put ("\\efi\\efi_b\\s-win-b.txt", ""), sibling.Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of s-win-b");
     }
   }
 }
@@ -149,12 +145,8 @@ TEST_F (ShellMoveTest, MappingNamesGetTheirColonWithinSixteenCharacters) {
 TEST_F (ShellMoveTest, SwitchToASiblingGroupAndBackOutOfAFailedMove) {
   const std::string entries = EncodeEntriesFile ({ "ID:s-win-a BCD:bcd_a SRC:grp_a EFI:efi_a", "ID:s-win-b BCD:bcd_b SRC:grp_b EFI:efi_b" });
   boot.Remove ("\\efi\\efi_b\\s-win-a.txt"), boot.Remove ("\\efi\\efi_b");
-  boot.Put ("\\boot\\BCD", "store a"), boot.Put ("\\boot\\backup\\bcd_a", "store a"), boot.Put ("\\boot\\backup\\bcd_a.md5", Md5Hex ("store a"));
-  boot.Put ("\\sources\\s-win-a.txt", ""), boot.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\nBCD_MD5|" + Md5Hex ("store a") + "\r\n");
-  boot.Put ("\\efi\\microsoft\\s-win-a.txt", "");
-  sibling.Put ("\\boot\\bcd_b", "store b"), sibling.Put ("\\boot\\backup\\bcd_b", "store b"), sibling.Put ("\\boot\\backup\\bcd_b.md5", Md5Hex ("store b"));
-  sibling.Put ("\\grp_b\\s-win-b.txt", ""), sibling.Put ("\\grp_b\\recovery.txt", "ID|s-win-b\r\nSRC|grp_b\r\nSRC_PART|1234-abcd\r\n");
-  const std::vector<GroupNames> groups = { { "bcd_a", "grp_a", "efi_a", "s-win-a" }, { "bcd_b", "grp_b", "efi_b", "s-win-b" } };
+  PutGroup (boot, kA, true), PutGroup (sibling, kB, false);
+  sibling.Put ("\\grp_b\\recovery.txt", "ID|s-win-b\r\nSRC|grp_b\r\nSRC_PART|1234-abcd\r\n");
 
   ACTIVATION_CONTEXT context = {};
   context.BootHandle = boot.Handle (), context.BootRoot = root, context.ImageHandle = fw.image;
@@ -168,27 +160,26 @@ TEST_F (ShellMoveTest, SwitchToASiblingGroupAndBackOutOfAFailedMove) {
     return EFI_ERROR (st) ? st : RunRenewalRenames (fw.image, sibling.Handle (), siblingRoot, &context, &context.Requested);
   };
   ASSERT_EQ (RunRecoveryPhase (&context, context.EntriesText), EFI_SUCCESS);
-  const auto       before   = sibling.Snapshot ();
+  const auto before = sibling.Snapshot ();
 
   fw.faults.Add ({ Op::ShellCommand, EFI_ACCESS_DENIED, 1, "mv" });
   EXPECT_EQ (renew (), EFI_ACCESS_DENIED);
   fw.faults.Reset ();
-  EXPECT_TRUE (sibling.Get ("\\boot\\bcd_b") == "store b" && sibling.Exists ("\\grp_b\\s-win-b.txt") && sibling.Exists ("\\efi\\efi_b\\s-win-b.txt"));
+  EXPECT_TRUE (sibling.Get ("\\boot\\bcd_b") == StoreOf (kB) && sibling.Exists ("\\grp_b\\s-win-b.txt") && sibling.Exists ("\\efi\\efi_b\\s-win-b.txt"));
   EXPECT_FALSE (sibling.Exists ("\\boot\\BCD") || sibling.Exists ("\\sources"));
-  ExpectNoGroupDataLost (before, sibling, groups);
+  ExpectNoGroupDataLost (before, sibling, { kA, kB });
 
   ASSERT_EQ (renew (), EFI_SUCCESS);
   EXPECT_TRUE (Ran ("mv \"blk1:\\efi\\efi_b\"")) << "the sibling's EFI folder was not moved by the shell";
-  EXPECT_EQ (sibling.Get ("\\boot\\BCD"), "store b");
+  EXPECT_EQ (sibling.Get ("\\boot\\BCD"), StoreOf (kB));
   EXPECT_TRUE (sibling.Exists ("\\sources\\s-win-b.txt") && Moved ());
-  EXPECT_TRUE (boot.Exists ("\\grp_a\\s-win-a.txt") && boot.Exists ("\\efi\\efi_a\\s-win-a.txt") && boot.Get ("\\boot\\bcd_a") == "store a");
-  ExpectNoGroupDataLost (before, sibling, groups);
+  EXPECT_TRUE (boot.Exists ("\\grp_a\\s-win-a.txt") && boot.Exists ("\\efi\\efi_a\\s-win-a.txt") && boot.Get ("\\boot\\bcd_a") == StoreOf (kA));
+  ExpectNoGroupDataLost (before, sibling, { kA, kB });
 }
 
 // Any single failure of a firmware call, a shell call or a shell command, through the
 // move by uuid marker: nothing lost on either volume, nothing left open or allocated.
 TEST (ShellMoveSweep, AnySingleFailureLosesNothing) {
-  const std::vector<GroupNames> groups = { { "bcd_b", "grp_b", "efi_b", "s-win-b" } };
   fake::Volume      *sibling = nullptr;
   EFI_FILE_PROTOCOL *root    = nullptr;
   EFI_HANDLE        image    = nullptr;
@@ -201,10 +192,10 @@ TEST (ShellMoveSweep, AnySingleFailureLosesNothing) {
       fw.SetDevicePath (sibling->Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 2, 0x5EED));
       boot.Put ("\\efi\\efi_b\\notes.txt", "not group b's");
       sibling->Put ("\\1234-abcd.uuid", ""), sibling->Put ("\\efi\\efi_b\\s-win-b.txt", "");
-      sibling->Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of b");
+      sibling->Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of s-win-b");
       fw.shell.UseShellProtocol (true), fw.shell.UseEnvironment2 (true);
       EXPECT_EQ (OpenRoot (sibling->Handle (), &root), EFI_SUCCESS);
-      return std::vector<sweep::Watched>{ { sibling, groups }, { &boot, groups } };
+      return std::vector<sweep::Watched>{ { sibling, { kB } }, { &boot, { kB } } };
     },
     [&] {
       const EFI_STATUS st = ShellMoveEfiFolder (image, sibling->Handle (), root, W (u"1234-abcd"), W (u"\\efi\\efi_b"));

@@ -28,8 +28,7 @@ struct Layout {
   const char               *name;
   Path                     bootPath;
   std::vector<Sibling>     siblings;
-  std::string              description;   // third line of the group's description file ("" for none)
-  std::string              fsTxt;         // FS.txt ("" for none)
+  std::string              description, fsTxt;   // the third line of the group's description file, FS.txt ("" for none)
   DriverAt                 driverAt;
   fake::DriverImage        driver;
   std::vector<fake::Fault> faults;
@@ -48,12 +47,6 @@ std::string StatusText (EFI_STATUS status) {
 }
 
 std::string Uuid (Fs fs) { return Lower (fake::BlkidUuid (fs == Fs::Ntfs ? "ntfs" : fs == Fs::Exfat ? "exfat" : "fat32")); }
-
-void PutActiveGroup (fake::Volume &v) {
-  v.Put ("\\boot\\BCD", "store of s-win-b");
-  v.Put ("\\sources\\s-win-b.txt", "");
-  v.Put ("\\efi\\microsoft\\s-win-b.txt", "");
-}
 
 std::vector<uint8_t> PartitionPath (Path kind, int port, uint32_t number) {
   const std::vector<uint8_t> disk = fake::UsbDiskPath (static_cast<uint8_t>(port));
@@ -134,8 +127,7 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
     fake::Firmware fw;
     fake::Volume  &boot = fw.AddVolume ();
     fw.StartFrom (boot);
-    LogFile             = nullptr;
-    AdvancedDiagnostics = FALSE;
+    LogFile = nullptr, AdvancedDiagnostics = FALSE;
     fw.AddBlockIo (boot.Handle (), fake::BootSectorImage ("fat32"));
     fw.SetDevicePath (boot.Handle (), PartitionPath (row.bootPath, 1, 1));
     std::vector<fake::Volume *> siblings;
@@ -143,7 +135,7 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
       fake::Volume &v = s.fs == Fs::Fat32 || s.mounted ? fw.AddVolume (s.fs) : fw.AddUnmountedVolume (s.fs);
       fw.SetDevicePath (v.Handle (), PartitionPath (row.bootPath == Path::Gpt ? Path::Gpt : Path::Mbr, s.disk, static_cast<uint32_t>(siblings.size () + 2)));
       if (s.marker) v.Put ("\\" + kMarker, "");
-      if (s.active) PutActiveGroup (v);
+      if (s.active) v.Put ("\\boot\\BCD", "store of s-win-b"), v.Put ("\\sources\\s-win-b.txt", ""), v.Put ("\\efi\\microsoft\\s-win-b.txt", "");
       siblings.push_back (&v);
     }
     if (row.bootMarker) boot.Put ("\\" + kMarker, "");
@@ -162,9 +154,7 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
     ASSERT_EQ (OpenRoot (boot.Handle (), &bootRoot), EFI_SUCCESS);
     ASSERT_EQ (InitLog (fw.image), EFI_SUCCESS);
     ACTIVATION_CONTEXT context = {};
-    context.ImageHandle        = fw.image;
-    context.BootHandle         = boot.Handle ();
-    context.BootRoot           = bootRoot;
+    context.ImageHandle = fw.image, context.BootHandle = boot.Handle (), context.BootRoot = bootRoot;
     SetField (context.GroupId, "s-win-b");
     std::memcpy (context.GroupIdAscii, "s-win-b", 8);
     context.Requested  = State ("bcd_b", "grp_b", "efi_b");
@@ -181,8 +171,7 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
     if (print) std::printf ("%-52s %10llu  %s\n", row.name, static_cast<unsigned long long>(fw.stalledUs / 1000), StatusText (row.status).c_str ());
     EXPECT_EQ (fake::Firmware::LivePool (), pool) << "handle lists, device paths or driver buffers left allocated";
     EXPECT_EQ (fw.ImagesLoadedNotStarted (), 0u) << "an attempt left an image loaded";
-    CloseLog ();
-    bootRoot->Close (bootRoot);
+    CloseLog (), bootRoot->Close (bootRoot);
     EXPECT_EQ (fw.OpenHandles (), 0) << "roots left open";
     const std::vector<std::string> lines = Lines (fake::Narrow (fw.console));
     for (const std::string &want : row.lines) {

@@ -94,27 +94,22 @@ class Runner {
  public:
   explicit Runner (const Scenario &scenario) : scenario_ (scenario) {}
 
-  // Sweeps the scenario; the number of runs, the clean one included.
-  size_t Sweep () {
+  // Sweeps the scenario and prints how many runs it took, the clean one included.
+  void Sweep () {
     std::map<fake::Op, unsigned> calls;
-    if (!Once ({}, &calls)) return 1;
+    if (!Once ({}, &calls)) return;
     for (const auto &[op, least] : scenario_.reach) {
       EXPECT_GE (calls[op], least) << scenario_.name << ": the clean run no longer reaches " << firmware_statuses::OpName (op) << " call " << least;
     }
-    const std::vector<fake::Fault> plan = Plan (calls, Full ());
+    const std::vector<fake::Fault> plan   = Plan (calls, Full ());
     unsigned                       failed = 0;
-    for (const fake::Fault &fault : plan) {
-      if (!Once (fault, nullptr, calls[fault.op], failed < kReported)) failed++;
-    }
+    for (const fake::Fault &fault : plan) failed += Once (fault, nullptr, calls[fault.op], failed < kReported) ? 0 : 1;
     if (failed > kReported) ADD_FAILURE () << scenario_.name << ": " << failed - kReported << " more failing runs not shown";
 
     std::ostringstream counts;
-    for (const auto &table : firmware_statuses::Tables ()) {
-      if (calls[table.op] != 0) counts << " " << table.name << " " << calls[table.op];
-    }
+    for (const auto &table : firmware_statuses::Tables ()) counts << (calls[table.op] != 0 ? std::string (" ") + table.name + " " + std::to_string (calls[table.op]) : "");
     std::cout << "[ sweep    ] " << scenario_.name << ": " << plan.size () + 1 << " runs (" << (Full () ? "full" : "sample")
               << "); clean calls:" << counts.str () << std::endl;
-    return plan.size () + 1;
   }
 
  private:
@@ -154,9 +149,7 @@ class Runner {
       Injecting () = fault;
       status       = scenario_.run ();
       Injecting () = {};
-      for (const auto &table : firmware_statuses::Tables ()) {
-        if (calls != nullptr) (*calls)[table.op] = fw->faults.Calls (table.op);
-      }
+      if (calls != nullptr) for (const auto &table : firmware_statuses::Tables ()) (*calls)[table.op] = fw->faults.Calls (table.op);
       fw->faults.Reset ();
 
       EXPECT_EQ (fw->OpenHandles (), handles) << "file handles left open";
