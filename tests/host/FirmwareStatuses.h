@@ -7,6 +7,7 @@
 // its own is told apart from one that passes the firmware's answer on.
 #pragma once
 
+#include <algorithm>
 #include <vector>
 
 #include "fake/Firmware.h"
@@ -102,10 +103,8 @@ inline const std::vector<Table> &Tables () {
 }
 
 inline const char *OpName (fake::Op op) {
-  for (const Table &table : Tables ()) {
-    if (table.op == op) return table.name;
-  }
-  return "None";
+  auto table = std::find_if (Tables ().begin (), Tables ().end (), [&](const Table &t) { return t.op == op; });
+  return table == Tables ().end () ? "None" : table->name;
 }
 
 inline const char *EffectName (fake::Effect effect) {

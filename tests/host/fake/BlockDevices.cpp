@@ -73,28 +73,21 @@ EFI_STATUS CheckRequest (const EFI_BLOCK_IO_MEDIA *media, UINT32 mediaId, EFI_LB
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI BlockRead (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LBA lba, UINTN size, VOID *buffer) {
+// Only a disk's medium takes writes; a boot-sector-only device is a read-only medium. A
+// read's fault returns its status untouched: Fail an error, NoEffect success with nothing read.
+template<bool Write> EFI_STATUS EFIAPI BlockAccess (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LBA lba, UINTN size, VOID *buffer) {
   BlockDevice *device = DeviceOf (self, &BlockDevice::proto);
-  if (device == nullptr) return EFI_DEVICE_ERROR;
-  device->reads.push_back ({ lba, size });
-  // A fault returns its status untouched: Fail an error, NoEffect success with nothing read.
-  if (const Fault *f = Firmware::Current ().faults.Check (Op::ReadBlocks)) return f->status;
+  if (device == nullptr || (Write && (!device->disk || (self->Media != nullptr && self->Media->ReadOnly)))) return Write ? EFI_WRITE_PROTECTED : EFI_DEVICE_ERROR;
+  if (!Write) device->reads.push_back ({ lba, size });
+  if (const Fault *f = Write ? nullptr : Firmware::Current ().faults.Check (Op::ReadBlocks)) return f->status;
   EFI_STATUS status = CheckRequest (self->Media, mediaId, lba, size, buffer);
   if (EFI_ERROR (status) || size == 0) return status;
   const uint64_t offset = lba * self->Media->BlockSize;
-  if (device->disk) return device->disk->Read (offset, buffer, size), EFI_SUCCESS;
-  std::memset (buffer, 0, size);
-  if (offset < device->bytes.size ()) std::memcpy (buffer, device->bytes.data () + offset, std::min<uint64_t>(size, device->bytes.size () - offset));
+  if (Write) device->disk->Write (offset, buffer, size);
+  else if (device->disk) device->disk->Read (offset, buffer, size);
+  else std::memset (buffer, 0, size);
+  if (!Write && !device->disk && offset < device->bytes.size ()) std::memcpy (buffer, device->bytes.data () + offset, std::min<uint64_t>(size, device->bytes.size () - offset));
   return EFI_SUCCESS;
-}
-
-// Only a disk's medium takes writes; a boot-sector-only device is a read-only medium.
-EFI_STATUS EFIAPI BlockWrite (EFI_BLOCK_IO_PROTOCOL *self, UINT32 mediaId, EFI_LBA lba, UINTN size, VOID *buffer) {
-  BlockDevice *device = DeviceOf (self, &BlockDevice::proto);
-  if (device == nullptr || !device->disk || (self->Media != nullptr && self->Media->ReadOnly)) return EFI_WRITE_PROTECTED;
-  EFI_STATUS status = CheckRequest (self->Media, mediaId, lba, size, buffer);
-  if (!EFI_ERROR (status) && size > 0) device->disk->Write (lba * self->Media->BlockSize, buffer, size);
-  return status;
 }
 
 EFI_STATUS EFIAPI BlockReset (EFI_BLOCK_IO_PROTOCOL *, BOOLEAN) { return EFI_SUCCESS; }
@@ -128,13 +121,8 @@ std::vector<uint8_t> WithPartition (const std::vector<uint8_t> &disk, uint32_t n
                                     UINT8 mbrType, UINT8 signatureType) {
   if (disk.size () < 4 || !std::equal (kEnd.begin (), kEnd.end (), disk.end () - 4)) ADD_FAILURE () << "the disk path does not end with an End node";
   std::vector<uint8_t>  path (disk.begin (), disk.end () - std::min<size_t>(4, disk.size ()));
-  HARDDRIVE_DEVICE_PATH hd{};
-  hd.PartitionNumber = number;
-  hd.PartitionStart  = 2048ull * number;
-  hd.PartitionSize   = 0x100000;
+  HARDDRIVE_DEVICE_PATH hd{ {}, number, 2048ull * number, 0x100000, {}, mbrType, signatureType };
   std::memcpy (hd.Signature, signature, signatureBytes);
-  hd.MBRType       = mbrType;
-  hd.SignatureType = signatureType;
   AppendNode (path, hd, MEDIA_DEVICE_PATH, MEDIA_HARDDRIVE_DP);
   path.insert (path.end (), kEnd.begin (), kEnd.end ());
   return path;
@@ -173,27 +161,14 @@ const ToolImage *MadeByTool (const std::string &kind) {
   static std::map<std::string, ToolImage> made;
   if (made.count (kind) != 0) return &made[kind];
   auto recipe = std::find_if (std::begin (kRecipes), std::end (kRecipes), [&](const Recipe &r) { return kind == r.kind; });
-  if (recipe == std::end (kRecipes)) {
-    ADD_FAILURE () << "no recipe for a \"" << kind << "\" boot sector";
-    return nullptr;
-  }
-  for (const char *tool : { recipe->tool, "blkid" }) {
-    if (Output (std::string ("command -v ") + tool).empty ()) {
-      ADD_FAILURE () << tool << " not found: install " << (tool == recipe->tool ? recipe->package : "util-linux") << " (scripts/setup.sh does)";
-      return nullptr;
-    }
-  }
   std::string dir = (std::filesystem::temp_directory_path () / "velmaro-bootsector-XXXXXX").string ();
-  if (mkdtemp (dir.data ()) == nullptr) {
-    ADD_FAILURE () << "mkdtemp failed for " << dir;
-    return nullptr;
-  }
+  if (recipe == std::end (kRecipes) || mkdtemp (dir.data ()) == nullptr) return (void)(ADD_FAILURE () << "no \"" << kind << "\" image made in " << dir), nullptr;
   const std::string image = dir + "/" + kind + ".img";
   ToolImage         result;
   std::string log = Output ("truncate -s " + std::string (recipe->size) + " '" + image + "' && " + recipe->tool + " " + recipe->options +
                             " '" + image + "' 2>&1; echo \" exit=$?\"");
   bool ok = log.size () >= 7 && log.compare (log.size () - 7, 7, " exit=0") == 0;
-  if (!ok) ADD_FAILURE () << recipe->tool << " " << recipe->options << " failed:\n" << log;
+  if (!ok) ADD_FAILURE () << recipe->tool << " " << recipe->options << " failed (install " << recipe->package << "; scripts/setup.sh does):\n" << log;
   std::ifstream in (image, std::ios::binary | std::ios::ate);
   result.whole.resize (in ? static_cast<size_t>(in.tellg ()) : 0);
   in.seekg (0).read (reinterpret_cast<char *>(result.whole.data ()), result.whole.size ());
@@ -202,10 +177,7 @@ const ToolImage *MadeByTool (const std::string &kind) {
   if (kind != "fat32") result.whole.clear ();
   // -c /dev/null: blkid probes the image itself and leaves the system's cache alone.
   result.uuid = Output ("blkid -c /dev/null -o value -s UUID '" + image + "'");
-  if (ok && result.uuid.empty ()) {
-    ADD_FAILURE () << "blkid reports no UUID for the " << kind << " image";
-    ok = false;
-  }
+  if (ok && !(ok = !result.uuid.empty ())) ADD_FAILURE () << "blkid (util-linux) reports no UUID for the " << kind << " image";
   std::error_code ignored;
   std::filesystem::remove_all (dir, ignored);
   return ok ? &(made[kind] = std::move (result)) : nullptr;
@@ -230,7 +202,7 @@ BlockDevice &Firmware::AddBlockIo (EFI_HANDLE handle, const std::vector<uint8_t>
   device->bytes  = firstBlocks;
   device->media  = { 1, TRUE, TRUE, logicalPartition, FALSE, FALSE, blockSize, 0,
                      blockSize == 0 || firstBlocks.empty () ? 0 : (firstBlocks.size () + blockSize - 1) / blockSize - 1, 0, 0, 0 };
-  device->proto  = { EFI_BLOCK_IO_PROTOCOL_REVISION, &device->media, BlockReset, BlockRead, BlockWrite, BlockFlush };
+  device->proto  = { EFI_BLOCK_IO_PROTOCOL_REVISION, &device->media, BlockReset, BlockAccess<false>, BlockAccess<true>, BlockFlush };
   Uninstall (handle, gEfiBlockIoProtocolGuid);
   Install (handle, gEfiBlockIoProtocolGuid, &device->proto);
   return *blockDevices.emplace_back (std::move (device));
@@ -241,7 +213,7 @@ BlockDevice &Firmware::AddDisk (EFI_HANDLE handle, std::shared_ptr<Disk> disk) {
   device->handle = handle;
   device->disk   = std::move (disk);
   device->media  = { 1, TRUE, TRUE, TRUE, FALSE, FALSE, 512, 0, device->disk->Size () / 512 - 1, 0, 0, 0 };
-  device->proto  = { EFI_BLOCK_IO_PROTOCOL_REVISION, &device->media, BlockReset, BlockRead, BlockWrite, BlockFlush };
+  device->proto  = { EFI_BLOCK_IO_PROTOCOL_REVISION, &device->media, BlockReset, BlockAccess<false>, BlockAccess<true>, BlockFlush };
   device->diskIo = { EFI_DISK_IO_PROTOCOL_REVISION, DiskAccess<false>, DiskAccess<true> };
   Install (handle, gEfiBlockIoProtocolGuid, &device->proto);
   Install (handle, gEfiDiskIoProtocolGuid, &device->diskIo);
@@ -262,15 +234,9 @@ void Firmware::SetDevicePath (EFI_HANDLE handle, std::vector<uint8_t> bytes) {
 
 std::vector<uint8_t> UsbDiskPath (uint8_t port) {
   std::vector<uint8_t> path;
-  ACPI_HID_DEVICE_PATH root{};
-  PCI_DEVICE_PATH      pci{};
-  USB_DEVICE_PATH      usb{};
-  root.HID             = EISA_PNP_ID (0x0A03);
-  pci.Device           = 0x14;
-  usb.ParentPortNumber = port;
-  AppendNode (path, root, ACPI_DEVICE_PATH, ACPI_DP);
-  AppendNode (path, pci, HARDWARE_DEVICE_PATH, HW_PCI_DP);
-  AppendNode (path, usb, MESSAGING_DEVICE_PATH, MSG_USB_DP);
+  AppendNode (path, ACPI_HID_DEVICE_PATH{ {}, EISA_PNP_ID (0x0A03), 0 }, ACPI_DEVICE_PATH, ACPI_DP);
+  AppendNode (path, PCI_DEVICE_PATH{ {}, 0, 0x14 }, HARDWARE_DEVICE_PATH, HW_PCI_DP);
+  AppendNode (path, USB_DEVICE_PATH{ {}, port, 0 }, MESSAGING_DEVICE_PATH, MSG_USB_DP);
   path.insert (path.end (), kEnd.begin (), kEnd.end ());
   return path;
 }

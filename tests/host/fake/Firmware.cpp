@@ -34,9 +34,10 @@ std::map<void *, size_t> &Pool () {
 template<bool App> const Fault *Faulted (Op op) { return App ? Firmware::Current ().faults.Check (op) : nullptr; }
 
 // The application's pool is checked for leaks and double frees; the drivers' is the C
-// library's, counted as their own AllocatePool counts it (edk2/FatDriverHost.c).
-template<bool App> void *Allocate (size_t size) {
-  if (App && gCurrent != nullptr && gCurrent->faults.Check (Op::AllocatePool) != nullptr) return nullptr;
+// library's, counted as their own AllocatePool counts it (edk2/FatDriverHost.c). Faultable
+// is off only for the device-path text conversion (see CMakeLists.txt).
+template<bool App, bool Faultable = App> void *Allocate (size_t size) {
+  if (Faultable && gCurrent != nullptr && gCurrent->faults.Check (Op::AllocatePool) != nullptr) return nullptr;
   void *p = std::malloc (size == 0 ? 1 : size);
   if (App) Pool ()[p] = size;
   else VelmaroDriverPoolLive++;
@@ -53,6 +54,19 @@ template<bool App> void Free (void *p) {
   }
   if (!App) VelmaroDriverPoolLive--;
   std::free (p);
+}
+
+// MemoryAllocationLib's other forms over the application's pool: a buffer zeroed (no
+// source) or copied, and one grown.
+template<bool Faultable> void *Filled (size_t size, const void *source) {
+  void *p = Allocate<true, Faultable>(size);
+  return p == nullptr ? nullptr : source == nullptr ? std::memset (p, 0, size) : std::memcpy (p, source, size);
+}
+
+template<bool Faultable> void *Reallocate (size_t oldSize, size_t newSize, void *old) {
+  void *p = Filled<Faultable>(newSize, nullptr);
+  if (p != nullptr && old != nullptr) std::memcpy (p, old, std::min (oldSize, newSize)), Free<true>(old);
+  return p;
 }
 
 template<bool App> EFI_STATUS EFIAPI AllocatePoolService (EFI_MEMORY_TYPE, UINTN size, VOID **buffer) {
@@ -105,7 +119,7 @@ template<bool App> EFI_STATUS EFIAPI LocateHandleBuffer (EFI_LOCATE_SEARCH_TYPE 
   if (const Fault *f = Faulted<App>(Op::LocateHandleBuffer)) return f->status;
   // No protocol notifications are ever registered here, so ByRegisterNotify has no key to match.
   if ((type != ByProtocol || guid == nullptr) && type != AllHandles) return EFI_INVALID_PARAMETER;
-  std::vector<EFI_HANDLE> found = type == AllHandles ? Firmware::Current ().AllHandles () : Firmware::Current ().HandlesWith (*guid);
+  std::vector<EFI_HANDLE> found = Firmware::Current ().HandlesWith (type == AllHandles ? nullptr : guid);
   if (found.empty ()) return EFI_NOT_FOUND;
   if ((*buffer = static_cast<EFI_HANDLE *>(Allocate<App>(found.size () * sizeof (EFI_HANDLE)))) == nullptr) return EFI_OUT_OF_RESOURCES;
   std::copy (found.begin (), found.end (), *buffer);
@@ -121,7 +135,7 @@ template<bool App> EFI_STATUS EFIAPI LocateProtocol (EFI_GUID *guid, VOID *regis
   *iface = nullptr;
   if (App) Firmware::Current ().Tick ();
   if (const Fault *f = Faulted<App>(Op::LocateProtocol)) return f->status;
-  std::vector<EFI_HANDLE> found = Firmware::Current ().HandlesWith (*guid);
+  std::vector<EFI_HANDLE> found = Firmware::Current ().HandlesWith (guid);
   if (registration != nullptr || found.empty ()) return EFI_NOT_FOUND;
   *iface = Shown<App>(found.front (), *guid);
   return EFI_SUCCESS;
@@ -169,14 +183,9 @@ VOID EFIAPI RestoreTpl (EFI_TPL tpl) {
   Firmware::Current ().tpl = tpl;
 }
 
-EFI_STATUS EFIAPI CalculateCrc32 (VOID *data, UINTN size, UINT32 *crc) {
+EFI_STATUS EFIAPI Crc32 (VOID *data, UINTN size, UINT32 *crc) {
   if (data == nullptr || size == 0 || crc == nullptr) return EFI_INVALID_PARAMETER;
-  uint32_t value = 0xFFFFFFFFu;
-  for (UINTN i = 0; i < size; ++i) {
-    value ^= static_cast<const uint8_t *>(data)[i];
-    for (int bit = 0; bit < 8; ++bit) value = (value >> 1) ^ (0xEDB88320u & (0u - (value & 1u)));
-  }
-  *crc = ~value;
+  *crc = CalculateCrc32 (data, size);
   return EFI_SUCCESS;
 }
 
@@ -236,7 +245,7 @@ template<bool App> void Fill (EFI_BOOT_SERVICES &bs, EFI_RUNTIME_SERVICES &rt) {
   bs.UninstallMultipleProtocolInterfaces = UninstallMultiple;
   bs.RaiseTPL                            = RaiseTpl;
   bs.RestoreTPL                          = RestoreTpl;
-  bs.CalculateCrc32                      = CalculateCrc32;
+  bs.CalculateCrc32                      = Crc32;
   bs.WaitForEvent                        = WaitForEvent;
   bs.Stall                               = Stall;
   rt.GetTime                             = GetTime<App>;
@@ -272,17 +281,14 @@ Firmware::Firmware () {
   UseImageServices (bs, true);
   UseImageServices (driverBs, false);
   conOutMode.Attribute = EFI_LIGHTGRAY | EFI_BACKGROUND_BLACK;
-  conOut.Mode          = &conOutMode;
-  conOut.OutputString  = OutputString;
-  conOut.SetAttribute  = SetAttribute;
-  conIn.ReadKeyStroke  = ReadKeyStroke;
+  conOut               = { nullptr, OutputString, nullptr, nullptr, nullptr, SetAttribute, nullptr, nullptr, nullptr, &conOutMode };
+  conIn                = { nullptr, ReadKeyStroke, nullptr };
   st                   = { {}, nullptr, 0, nullptr, &conIn, nullptr, &conOut, nullptr, nullptr, &rt, &bs, 0, nullptr };
   driverSt             = { {}, nullptr, 0, nullptr, &conIn, nullptr, &conOut, nullptr, nullptr, &driverRt, &driverBs, 0, nullptr };
   now                  = { 2026, 11, 23, 7, 5, 9, 0, 0, EFI_UNSPECIFIED_TIMEZONE, 0, 0 };
 
-  image                   = NewHandle ();
-  loadedImage.Revision    = EFI_LOADED_IMAGE_PROTOCOL_REVISION;
-  loadedImage.SystemTable = &st;
+  image       = NewHandle ();
+  loadedImage = { EFI_LOADED_IMAGE_PROTOCOL_REVISION, nullptr, &st };
   Install (image, gEfiLoadedImageProtocolGuid, &loadedImage);
   gImageHandle = image;
   gST          = &st;
@@ -312,15 +318,13 @@ Firmware &Firmware::Current () {
 }
 
 void Firmware::Uninstall (EFI_HANDLE handle, const EFI_GUID &guid) {
-  auto it = std::find_if (installed_.begin (), installed_.end (), [&](const Installed &i) {
-    return i.handle == handle && std::memcmp (&i.guid, &guid, sizeof (EFI_GUID)) == 0;
-  });
+  auto it = std::find_if (installed_.begin (), installed_.end (), [&](const Installed &i) { return i.handle == handle && CompareGuid (&i.guid, &guid); });
   if (it != installed_.end ()) installed_.erase (it);
 }
 
 void *Firmware::Find (EFI_HANDLE handle, const EFI_GUID &guid) const {
   for (const Installed &i : installed_) {
-    if (i.handle == handle && std::memcmp (&i.guid, &guid, sizeof (EFI_GUID)) == 0) return i.iface;
+    if (i.handle == handle && CompareGuid (&i.guid, &guid)) return i.iface;
   }
   return nullptr;
 }
@@ -329,18 +333,10 @@ bool Firmware::IsHandle (EFI_HANDLE handle) const {
   return std::any_of (installed_.begin (), installed_.end (), [&](const Installed &i) { return i.handle == handle; });
 }
 
-std::vector<EFI_HANDLE> Firmware::AllHandles () const {
-  std::vector<EFI_HANDLE> all;
-  for (const Installed &i : installed_) {
-    if (std::find (all.begin (), all.end (), i.handle) == all.end ()) all.push_back (i.handle);
-  }
-  return all;
-}
-
-std::vector<EFI_HANDLE> Firmware::HandlesWith (const EFI_GUID &guid) const {
+std::vector<EFI_HANDLE> Firmware::HandlesWith (const EFI_GUID *guid) const {
   std::vector<EFI_HANDLE> found;
   for (const Installed &i : installed_) {
-    if (std::memcmp (&i.guid, &guid, sizeof (EFI_GUID)) == 0) found.push_back (i.handle);
+    if (guid != nullptr ? CompareGuid (&i.guid, guid) : std::find (found.begin (), found.end (), i.handle) == found.end ()) found.push_back (i.handle);
   }
   return found;
 }
@@ -371,12 +367,6 @@ void Firmware::AdvanceMs (uint64_t ms) {
 
 size_t Firmware::LivePool () { return Pool ().size (); }
 
-int Firmware::OpenHandles () const {
-  int total = 0;
-  for (const auto &v : volumes) total += v->OpenHandles ();
-  return total;
-}
-
 std::u16string U16 (const std::string &ascii) { return std::u16string (ascii.begin (), ascii.end ()); }
 
 std::string Narrow (const std::u16string &text) {
@@ -394,50 +384,17 @@ using fake::Firmware;
 extern "C" {
 
 VOID *EFIAPI AllocatePool (UINTN size) { return fake::Allocate<true>(size); }
-
-VOID *EFIAPI AllocateZeroPool (UINTN size) {
-  void *p = fake::Allocate<true>(size);
-  return p == nullptr ? nullptr : std::memset (p, 0, size);
-}
-
-VOID *EFIAPI AllocateCopyPool (UINTN size, CONST VOID *source) {
-  void *p = fake::Allocate<true>(size);
-  return p == nullptr ? nullptr : std::memcpy (p, source, size);
-}
-
-VOID *EFIAPI ReallocatePool (UINTN oldSize, UINTN newSize, VOID *old) {
-  void *p = AllocateZeroPool (newSize);
-  if (p != nullptr && old != nullptr) {
-    std::memcpy (p, old, oldSize < newSize ? oldSize : newSize);
-    fake::Free<true>(old);
-  }
-  return p;
-}
-
+VOID *EFIAPI AllocateZeroPool (UINTN size) { return fake::Filled<true>(size, nullptr); }
+VOID *EFIAPI AllocateCopyPool (UINTN size, CONST VOID *source) { return fake::Filled<true>(size, source); }
+VOID *EFIAPI ReallocatePool (UINTN oldSize, UINTN newSize, VOID *old) { return fake::Reallocate<true>(oldSize, newSize, old); }
 VOID EFIAPI FreePool (VOID *buffer) { fake::Free<true>(buffer); }
 
 // For the device-path text conversion alone (see CMakeLists.txt): the application's pool,
 // never failed.
-VOID *EFIAPI VelmaroUnfailedAllocatePool (UINTN size) {
-  void *p = std::malloc (size == 0 ? 1 : size);
-  fake::Pool ()[p] = size;
-  return p;
-}
-
-VOID *EFIAPI VelmaroUnfailedAllocateZeroPool (UINTN size) { return std::memset (VelmaroUnfailedAllocatePool (size), 0, size); }
-
-VOID *EFIAPI VelmaroUnfailedAllocateCopyPool (UINTN size, CONST VOID *source) {
-  return std::memcpy (VelmaroUnfailedAllocatePool (size), source, size);
-}
-
-VOID *EFIAPI VelmaroUnfailedReallocatePool (UINTN oldSize, UINTN newSize, VOID *old) {
-  void *p = VelmaroUnfailedAllocateZeroPool (newSize);
-  if (old != nullptr) {
-    std::memcpy (p, old, oldSize < newSize ? oldSize : newSize);
-    fake::Free<true>(old);
-  }
-  return p;
-}
+VOID *EFIAPI VelmaroUnfailedAllocatePool (UINTN size) { return fake::Allocate<true, false>(size); }
+VOID *EFIAPI VelmaroUnfailedAllocateZeroPool (UINTN size) { return fake::Filled<false>(size, nullptr); }
+VOID *EFIAPI VelmaroUnfailedAllocateCopyPool (UINTN size, CONST VOID *source) { return fake::Filled<false>(size, source); }
+VOID *EFIAPI VelmaroUnfailedReallocatePool (UINTN oldSize, UINTN newSize, VOID *old) { return fake::Reallocate<false>(oldSize, newSize, old); }
 
 UINT64 EFIAPI GetPerformanceCounter (VOID) { return Firmware::Current ().counter; }
 

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <Velmaro.h>
@@ -119,7 +120,6 @@ class Volume {
   Volume (Firmware &fw, const Disk &image);
   ~Volume ();
   Volume (const Volume &) = delete;
-  Volume &operator= (const Volume &) = delete;
 
   // Test-side view, through the driver with no faults and no counting, each change
   // flushed; paths use '\' or '/', names match as the volume matches them.
@@ -215,7 +215,6 @@ class Firmware {
   Firmware ();
   ~Firmware ();
   Firmware (const Firmware &) = delete;
-  Firmware &operator= (const Firmware &) = delete;
 
   static Firmware &Current ();
 
@@ -225,8 +224,7 @@ class Firmware {
   void Uninstall (EFI_HANDLE handle, const EFI_GUID &guid);
   void *Find (EFI_HANDLE handle, const EFI_GUID &guid) const;
   bool IsHandle (EFI_HANDLE handle) const;
-  std::vector<EFI_HANDLE> HandlesWith (const EFI_GUID &guid) const;
-  std::vector<EFI_HANDLE> AllHandles () const;   // every handle, in the order first installed
+  std::vector<EFI_HANDLE> HandlesWith (const EFI_GUID *guid) const;   // null: every handle, in the order first installed
 
   // Block I/O and device path on any handle; a volume's handle takes those of its partition.
   BlockDevice &AddBlockIo (EFI_HANDLE handle, const std::vector<uint8_t> &firstBlocks, UINT32 blockSize = 512,
@@ -335,5 +333,25 @@ Disk FormattedFat32 ();
 
 std::u16string U16 (const std::string &ascii);
 std::string Narrow (const std::u16string &text);
+
+// --- A driver's own file protocol, as the fake's parts use it (Volume.cpp): no faults, no counts ---
+struct RawFile {   // a handle on it, closed when it goes
+  EFI_FILE_PROTOCOL *file = nullptr;
+  RawFile (EFI_FILE_PROTOCOL *f = nullptr) : file (f) {}
+  RawFile (RawFile &&other) noexcept : file (other.Take ()) {}
+  ~RawFile () { if (file != nullptr) file->Close (file); }
+  EFI_FILE_PROTOCOL *Take () { return std::exchange (file, nullptr); }
+  EFI_FILE_PROTOCOL *operator-> () const { return file; }
+  explicit operator bool () const { return file != nullptr; }
+};
+using Listing = std::vector<std::pair<std::u16string, bool>>;   // a folder's entries: name, folder or not
+CHAR16 *C16 (const std::u16string &text);
+std::u16string RootPath (const std::string &path);   // '\\' or '/', "." and ".." resolved: "\\a\\b" ("\\" for the root)
+std::vector<uint8_t> InfoOf (EFI_FILE_PROTOCOL *file);   // its EFI_FILE_INFO; empty if GetInfo fails
+const EFI_FILE_INFO *Info (const std::vector<uint8_t> &info);   // null for empty
+bool IsDir (EFI_FILE_PROTOCOL *file);
+Listing Entries (EFI_FILE_PROTOCOL *dir);   // "." and ".." left out
+std::string ReadAll (EFI_FILE_PROTOCOL *file);   // a short read fails the test
+bool RemoveTree (EFI_FILE_PROTOCOL *file);   // deletes the file or folder and all below it; false if any of it stayed
 
 }  // namespace fake

@@ -33,7 +33,7 @@ EFI_HANDLE Locate (const Firmware &fw, const EFI_GUID &guid, const uint8_t *path
   const size_t size = InstanceSize (path);
   EFI_HANDLE   best = nullptr;
   *matched          = 0;
-  for (EFI_HANDLE handle : fw.HandlesWith (guid)) {
+  for (EFI_HANDLE handle : fw.HandlesWith (&guid)) {
     const auto *own = static_cast<const uint8_t *>(fw.Find (handle, gEfiDevicePathProtocolGuid));
     if (own == nullptr) continue;
     const size_t n = InstanceSize (own);
@@ -47,13 +47,10 @@ EFI_HANDLE Locate (const Firmware &fw, const EFI_GUID &guid, const uint8_t *path
 bool FileNames (const uint8_t *path, std::vector<std::u16string> &names) {
   bool only = true;
   for (; path[0] != END_DEVICE_PATH_TYPE && NodeLength (path) >= 4; path += NodeLength (path)) {
-    if (path[0] != MEDIA_DEVICE_PATH || path[1] != MEDIA_FILEPATH_DP) {
-      only = false;
-      continue;
-    }
     std::u16string name ((NodeLength (path) - 4) / 2, u'\0');
     std::memcpy (name.data (), path + 4, name.size () * 2);
-    names.push_back (name.substr (0, name.find (u'\0')));
+    if (path[0] == MEDIA_DEVICE_PATH && path[1] == MEDIA_FILEPATH_DP) names.push_back (name.substr (0, name.find (u'\0')));
+    else only = false;
   }
   return only;
 }
@@ -61,35 +58,22 @@ bool FileNames (const uint8_t *path, std::vector<std::u16string> &names) {
 // The file, as GetFileBufferByFilePath reads it: each node opened from the one before,
 // starting at the root; false when a name is missing or names a folder.
 bool ReadFile (EFI_SIMPLE_FILE_SYSTEM_PROTOCOL *fs, const std::vector<std::u16string> &names, std::string &bytes) {
-  EFI_FILE_PROTOCOL *file = nullptr;
-  if (fs == nullptr || EFI_ERROR (fs->OpenVolume (fs, &file))) return false;
+  RawFile file;
+  if (fs == nullptr || EFI_ERROR (fs->OpenVolume (fs, &file.file))) return false;
   for (const std::u16string &name : names) {
-    EFI_FILE_PROTOCOL *last   = file;
-    const EFI_STATUS  status  = last->Open (last, &file, const_cast<CHAR16 *>(reinterpret_cast<const CHAR16 *>(name.c_str ())), EFI_FILE_MODE_READ, 0);
-    last->Close (last);
-    if (EFI_ERROR (status)) return false;
+    RawFile last (file.Take ());
+    if (EFI_ERROR (last->Open (last.file, &file.file, C16 (name), EFI_FILE_MODE_READ, 0))) return false;
   }
-  std::vector<uint64_t> buffer ((SIZE_OF_EFI_FILE_INFO + 512 * sizeof (CHAR16)) / sizeof (uint64_t) + 1);
-  auto  *info = reinterpret_cast<EFI_FILE_INFO *>(buffer.data ());
-  UINTN size  = buffer.size () * sizeof (uint64_t);
-  bool  ok    = !EFI_ERROR (file->GetInfo (file, &gEfiFileInfoGuid, &size, info)) && (info->Attribute & EFI_FILE_DIRECTORY) == 0;
-  if (ok) {
-    bytes.resize (info->FileSize);
-    size = bytes.size ();
-    ok   = !EFI_ERROR (file->Read (file, &size, bytes.data ()));
-    bytes.resize (size);
-  }
-  file->Close (file);
-  return ok;
+  if (InfoOf (file.file).empty () || IsDir (file.file)) return false;
+  bytes = ReadAll (file.file);
+  return true;
 }
 
 // The entry of fw.drivers a driver file names; -1 for bytes that are no image.
 long DriverIndex (const std::string &bytes, size_t registered) {
-  if (bytes.compare (0, kDriverTag.size (), kDriverTag) != 0) return -1;
-  const std::string digits = bytes.substr (kDriverTag.size ());
-  if (digits.empty () || digits.size () > 6 || digits.find_first_not_of ("0123456789") != std::string::npos) return -1;
-  const size_t index = std::stoul (digits);
-  return index < registered ? static_cast<long>(index) : -1;
+  const std::string digits = bytes.compare (0, kDriverTag.size (), kDriverTag) == 0 ? bytes.substr (kDriverTag.size ()) : "";
+  const bool        number = !digits.empty () && digits.size () <= 6 && digits.find_first_not_of ("0123456789") == std::string::npos;
+  return number && std::stoul (digits) < registered ? static_cast<long>(std::stoul (digits)) : -1;
 }
 
 EFI_STATUS Load (Firmware &fw, const std::string &form, EFI_HANDLE parent, const uint8_t *path, const VOID *buffer, UINTN size,
@@ -151,16 +135,11 @@ EFI_STATUS Load (Firmware &fw, const std::string &form, EFI_HANDLE parent, const
 }
 
 Image *Loaded (Firmware &fw, EFI_HANDLE handle) {
-  for (const auto &image : fw.images) {
-    if (image->handle == handle && !image->unloaded) return image.get ();
-  }
-  return nullptr;
+  auto it = std::find_if (fw.images.begin (), fw.images.end (), [&](const auto &image) { return image->handle == handle && !image->unloaded; });
+  return it == fw.images.end () ? nullptr : it->get ();
 }
 
-void Unload (Firmware &fw, Image &image) {
-  fw.Uninstall (image.handle, gEfiLoadedImageProtocolGuid);
-  image.unloaded = true;
-}
+void Unload (Firmware &fw, Image &image) { fw.Uninstall (image.handle, gEfiLoadedImageProtocolGuid), image.unloaded = true; }
 
 EFI_STATUS EFIAPI LoadImage (BOOLEAN, EFI_HANDLE parent, EFI_DEVICE_PATH_PROTOCOL *path, VOID *buffer, UINTN size, EFI_HANDLE *out) {
   Firmware         &fw    = Firmware::Current ();
@@ -202,28 +181,22 @@ EFI_STATUS EFIAPI UnloadImage (EFI_HANDLE handle) {
 bool HasBootSector (const Firmware &fw, EFI_HANDLE controller, Fs kind) {
   const char *oem = kind == Fs::Ntfs ? "NTFS    " : kind == Fs::Exfat ? "EXFAT   " : nullptr;
   const auto *io  = static_cast<const EFI_BLOCK_IO_PROTOCOL *>(fw.Find (controller, gEfiBlockIoProtocolGuid));
-  if (oem == nullptr || io == nullptr || io->Media == nullptr || !io->Media->MediaPresent || !io->Media->LogicalPartition) return false;
-  for (const auto &device : fw.blockDevices) {
-    if (&device->proto != io) continue;
-    uint8_t start[11] = {};
-    if (device->disk) device->disk->Read (0, start, sizeof (start));
-    else std::copy_n (device->bytes.begin (), std::min (device->bytes.size (), sizeof (start)), start);
-    return std::memcmp (start + 3, oem, 8) == 0;
-  }
-  return false;
+  auto        device = std::find_if (fw.blockDevices.begin (), fw.blockDevices.end (), [&](const auto &d) { return &d->proto == io; });
+  if (oem == nullptr || device == fw.blockDevices.end () || io->Media == nullptr || !io->Media->MediaPresent || !io->Media->LogicalPartition) return false;
+  uint8_t start[11] = {};
+  if ((*device)->disk) (*device)->disk->Read (0, start, sizeof (start));
+  else std::copy_n ((*device)->bytes.begin (), std::min ((*device)->bytes.size (), sizeof (start)), start);
+  return std::memcmp (start + 3, oem, 8) == 0;
 }
 
 // A resident driver's Supported and Start: a partition of its kind whose volume no
 // driver has mounted or is mounting. Start only schedules the mount.
 bool StartOn (Firmware &fw, Image &driver, EFI_HANDLE controller) {
   if (!driver.started || driver.unloaded || driver.driver.application || fw.Find (controller, gEfiSimpleFileSystemProtocolGuid) != nullptr) return false;
-  for (const auto &image : fw.images) {
-    if (image->mounts.count (controller) != 0) return false;   // EFI_ALREADY_STARTED or EFI_ACCESS_DENIED
-  }
-  if (!HasBootSector (fw, controller, driver.driver.kind) ||
-      std::none_of (fw.volumes.begin (), fw.volumes.end (), [&](const auto &v) { return v->Handle () == controller; })) {
-    return false;
-  }
+  // A mount under way answers EFI_ALREADY_STARTED or EFI_ACCESS_DENIED.
+  if (std::any_of (fw.images.begin (), fw.images.end (), [&](const auto &image) { return image->mounts.count (controller) != 0; }) ||
+      std::none_of (fw.volumes.begin (), fw.volumes.end (), [&](const auto &v) { return v->Handle () == controller; }) ||
+      !HasBootSector (fw, controller, driver.driver.kind)) return false;
   const int64_t after = driver.driver.mountAfterMs;
   driver.mounts[controller] = after < 0 ? UINT64_MAX : fw.stalledUs + static_cast<uint64_t>(after) * 1000;
   return true;
@@ -269,10 +242,8 @@ unsigned Firmware::ImagesLoadedNotStarted () const {
 }
 
 const Image *Firmware::StartedApplication () const {
-  for (auto it = images.rbegin (); it != images.rend (); ++it) {
-    if ((*it)->started && (*it)->driver.application) return it->get ();
-  }
-  return nullptr;
+  auto it = std::find_if (images.rbegin (), images.rend (), [](const auto &i) { return i->started && i->driver.application; });
+  return it == images.rend () ? nullptr : it->get ();
 }
 
 unsigned Firmware::ResidentDrivers () const {
@@ -287,9 +258,9 @@ void Firmware::Tick () {
         continue;
       }
       for (const auto &volume : volumes) {
-        if (volume->Handle () != mount->first || Find (mount->first, gEfiSimpleFileSystemProtocolGuid) != nullptr) continue;
-        Install (mount->first, gEfiSimpleFileSystemProtocolGuid, volume->raw);
-        volume->writeProtected = image->driver.readOnly;
+        if (volume->Handle () == mount->first && Find (mount->first, gEfiSimpleFileSystemProtocolGuid) == nullptr) {
+          Install (mount->first, gEfiSimpleFileSystemProtocolGuid, volume->raw), volume->writeProtected = image->driver.readOnly;
+        }
       }
       mount = image->mounts.erase (mount);
     }

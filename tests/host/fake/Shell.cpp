@@ -39,13 +39,11 @@ namespace {
 
 using Table   = Shell::Table;
 using Devices = std::vector<std::pair<std::string, const uint8_t *>>;   // device path as text, and itself
-using Names   = std::vector<std::u16string>;
 
 Firmware &Fw () { return Firmware::Current (); }
 std::string Upper (std::string s) { return std::transform (s.begin (), s.end (), s.begin (), [](unsigned char c) { return static_cast<char>(std::toupper (c)); }), s; }
 std::string Lower (std::string s) { return std::transform (s.begin (), s.end (), s.begin (), [](unsigned char c) { return static_cast<char>(std::tolower (c)); }), s; }
 std::string Text (const CHAR16 *text) { return text == nullptr ? "" : Narrow (reinterpret_cast<const char16_t *>(text)); }
-CHAR16 *C16 (const std::u16string &text) { return const_cast<CHAR16 *>(reinterpret_cast<const CHAR16 *>(text.c_str ())); }
 CHAR16 *PoolText (const std::string &text) { return static_cast<CHAR16 *>(AllocateCopyPool ((text.size () + 1) * sizeof (CHAR16), U16 (text).c_str ())); }
 size_t Length (const uint8_t *node) { return node[2] | node[3] << 8; }
 bool IsEnd (const uint8_t *node) { return node[0] == END_DEVICE_PATH_TYPE || Length (node) < 4; }
@@ -86,7 +84,7 @@ std::string PathText (const uint8_t *node, bool hosts = false) {
 std::string Letters (uint64_t n) { return (n >= 25 ? Letters (n / 25) : "") + static_cast<char>('a' + n % 25); }
 std::string ConsistentName (const uint8_t *path) {
   std::vector<std::string> hosts;
-  for (EFI_HANDLE h : Fw ().HandlesWith (gEfiDevicePathProtocolGuid)) {
+  for (EFI_HANDLE h : Fw ().HandlesWith (&gEfiDevicePathProtocolGuid)) {
     if (Fw ().Find (h, gEfiBlockIoProtocolGuid) != nullptr || Fw ().Find (h, gEfiSimpleFileSystemProtocolGuid) != nullptr) hosts.push_back (PathText (PathOf (h), true));
   }
   std::sort (hosts.begin (), hosts.end ());
@@ -106,7 +104,7 @@ std::string ConsistentName (const uint8_t *path) {
 // private mounts behind stale roots are the fake's own, not devices.
 Devices DevicesWith (const EFI_GUID &guid) {
   Devices found;
-  for (EFI_HANDLE h : Fw ().HandlesWith (guid)) {
+  for (EFI_HANDLE h : Fw ().HandlesWith (&guid)) {
     const auto &v = Fw ().volumes;
     if (Fw ().Find (h, gEfiSimpleFileSystemProtocolGuid) == nullptr || std::any_of (v.begin (), v.end (), [&](const auto &x) { return x->handle == h; })) found.push_back ({ PathText (PathOf (h)), PathOf (h) });
   }
@@ -157,14 +155,7 @@ Where Resolve (const Table &table, std::string arg) {
   if (colon == std::string::npos && (colon = cwd.find (':')) == std::string::npos) return at;
   if (arg.find (':') == std::string::npos) arg = cwd.substr (0, colon + 1) + (!arg.empty () && arg[0] == '\\' ? arg : cwd.substr (colon + 1) + "\\" + arg);
   at.map = arg.substr (0, colon + 1);
-  std::vector<std::string> parts (1);
-  for (char c : arg.substr (colon + 1) + "\\") {
-    if (c != '\\' && c != '/') parts.back () += c;
-    else if (parts.back () == ".." || parts.back () == "." || parts.back ().empty ()) parts.back () == ".." && parts.size () > 1 ? parts.resize (parts.size () - 1) : void (), parts.back ().clear ();
-    else parts.emplace_back ();
-  }
-  for (size_t i = 0; i + 1 < parts.size (); ++i) at.path += u"\\" + U16 (parts[i]);
-  at.path = at.path.empty () ? u"\\" : at.path;
+  at.path = RootPath (arg.substr (colon + 1));
   for (const auto &m : table.maps) {
     for (const auto &v : Fw ().volumes) at.volume = Upper (m.name) == Upper (at.map) && PathText (PathOf (v->handle)) == m.path ? v.get () : at.volume;
   }
@@ -172,55 +163,30 @@ Where Resolve (const Table &table, std::string arg) {
 }
 Where Child (Where at, const std::u16string &name) { return at.path += (at.path == u"\\" ? u"" : u"\\") + name, at; }
 
-// A driver file handle, closed when it goes.
-struct Raw { EFI_FILE_PROTOCOL *file = nullptr; ~Raw () { if (file != nullptr) file->Close (file); } EFI_FILE_PROTOCOL *Take () { return std::exchange (file, nullptr); } };
 constexpr UINT64 kRw = EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, kCreate = kRw | EFI_FILE_MODE_CREATE;
 
-EFI_STATUS Open (const Where &at, Raw &out, UINT64 mode = EFI_FILE_MODE_READ, UINT64 attributes = 0) {
-  Raw        root;
+EFI_STATUS Open (const Where &at, RawFile &out, UINT64 mode = EFI_FILE_MODE_READ, UINT64 attributes = 0) {
+  RawFile    root;
   EFI_STATUS status = at.volume == nullptr ? EFI_NOT_FOUND : at.volume->raw->OpenVolume (at.volume->raw, &root.file);
   if (EFI_ERROR (status) || at.path == u"\\") return out.file = root.Take (), status;
   return root.file->Open (root.file, &out.file, C16 (at.path), mode, attributes);
 }
-std::vector<uint8_t> InfoOf (EFI_FILE_PROTOCOL *file) {
-  UINTN                size = 0;
-  std::vector<uint8_t> info (file->GetInfo (file, &gEfiFileInfoGuid, &size, nullptr) == EFI_BUFFER_TOO_SMALL ? size : 0);
-  return !info.empty () && EFI_ERROR (file->GetInfo (file, &gEfiFileInfoGuid, &size, info.data ())) ? std::vector<uint8_t>() : info;
-}
-
-const EFI_FILE_INFO *Info (const std::vector<uint8_t> &info) { return reinterpret_cast<const EFI_FILE_INFO *>(info.data ()); }
 bool IsDir (const std::vector<uint8_t> &info) { return !info.empty () && (Info (info)->Attribute & EFI_FILE_DIRECTORY) != 0; }
-bool Exists (const Where &at) { Raw r; return !EFI_ERROR (Open (at, r)); }
-bool IsDirAt (const Where &at) { Raw r; return !EFI_ERROR (Open (at, r)) && IsDir (InfoOf (r.file)); }
-
-Names NamesIn (EFI_FILE_PROTOCOL *dir) {
-  Names                names;
-  std::vector<uint8_t> buffer (SIZE_OF_EFI_FILE_INFO + 512 * sizeof (CHAR16));
-  dir->SetPosition (dir, 0);
-  for (UINTN size = buffer.size (); !EFI_ERROR (dir->Read (dir, &size, buffer.data ())) && size != 0; size = buffer.size ()) names.push_back (reinterpret_cast<const char16_t *>(Info (buffer)->FileName));
-  return names.erase (std::remove_if (names.begin (), names.end (), [](const auto &n) { return n == u"." || n == u".."; }), names.end ()), names;
-}
+bool Exists (const Where &at) { RawFile r; return !EFI_ERROR (Open (at, r)); }
+bool IsDirAt (const Where &at) { RawFile r; return !EFI_ERROR (Open (at, r)) && fake::IsDir (r.file); }
 
 // Cp.c's CopySingleFile as mv uses it between file systems, onto a name that is free: a
 // folder made and filled, a file written. The copies take the new volume's times.
 EFI_STATUS Copy (const Where &from, const Where &to) {
-  Raw                        source, target;
+  RawFile                    source, target;
   const std::vector<uint8_t> info = EFI_ERROR (Open (from, source)) ? std::vector<uint8_t>() : InfoOf (source.file);
   if (info.empty () || to.volume == nullptr || to.volume->writeProtected || EFI_ERROR (Open (to, target, kCreate, IsDir (info) ? EFI_FILE_DIRECTORY : 0))) return EFI_ACCESS_DENIED;
   EFI_STATUS status = EFI_SUCCESS;
-  for (const auto &name : IsDir (info) ? NamesIn (source.file) : Names ()) status = EFI_ERROR (status) ? status : Copy (Child (from, name), Child (to, name));
+  for (const auto &[name, isDir] : IsDir (info) ? Entries (source.file) : Listing ()) status = EFI_ERROR (status) ? status : Copy (Child (from, name), Child (to, name));
   std::vector<uint8_t> bytes (IsDir (info) ? 0 : Info (info)->FileSize);
   UINTN                size = bytes.size ();
   if (size != 0 && !EFI_ERROR (status = source.file->Read (source.file, &size, bytes.data ()))) status = target.file->Write (target.file, &size, bytes.data ());
   return status;
-}
-
-// CascadeDelete: the contents, then the entry; what the driver answers is not looked at.
-void RemoveTree (EFI_FILE_PROTOCOL *file) {
-  for (const auto &name : IsDir (InfoOf (file)) ? NamesIn (file) : Names ()) {
-    if (EFI_FILE_PROTOCOL *kid = nullptr; !EFI_ERROR (file->Open (file, &kid, C16 (name), kRw, 0))) RemoveTree (kid);
-  }
-  file->Delete (file);
 }
 
 // Mv.c with one source: GetDestinationLocation, IsValidMove, then a rename within one file
@@ -228,7 +194,7 @@ void RemoveTree (EFI_FILE_PROTOCOL *file) {
 EFI_STATUS Mv (const Table &table, const std::string &sourceArg, const std::string &destArg) {
   const Where from = Resolve (table, sourceArg), to = Resolve (table, destArg);
   const bool  readOnly = from.volume != nullptr && from.volume->writeProtected;
-  Raw         source, existing;
+  RawFile     source, existing;
   const std::vector<uint8_t> info = EFI_ERROR (Open (from, source, readOnly ? EFI_FILE_MODE_READ : kRw)) ? std::vector<uint8_t>() : InfoOf (source.file);
   if (info.empty () || to.map.empty ()) return info.empty () ? EFI_NOT_FOUND : EFI_INVALID_PARAMETER;
   // "\..." is taken as written; an existing file or folder named otherwise receives the
@@ -243,7 +209,7 @@ EFI_STATUS Mv (const Table &table, const std::string &sourceArg, const std::stri
   if (Exists (target)) return (void)(ADD_FAILURE () << "mv would wait at the console for leave to overwrite " << dest), EFI_ABORTED;
   if (Upper (from.map) != Upper (to.map)) {
     const EFI_STATUS status = Copy (from, target);
-    if (!EFI_ERROR (status)) RemoveTree (source.Take ());
+    if (!EFI_ERROR (status)) RemoveTree (source.Take ());   // CascadeDelete: what the driver answers is not looked at
     return !EFI_ERROR (status) || status == EFI_ACCESS_DENIED ? status : EFI_INVALID_PARAMETER;
   }
   // A rename by a path from the root, the source's name added when going into a folder,
@@ -300,16 +266,14 @@ EFI_STATUS Run (Table &table, const std::string &line) {
   return status;
 }
 
-// The call's own fault: Fail answers its status and runs nothing, NoEffect claims a run.
-const Fault *CallFault (const std::string &line) { return Fw ().faults.Check (Op::ShellExecute, U16 (line)); }
-
 // Nested, the command runs in a shell image loaded with *ParentImageHandle as its parent,
 // naming the devices afresh at its start; the current directory carries over (the shell
-// keeps it in a volatile variable). The call's status is that of starting it.
+// keeps it in a volatile variable). The call's status is that of starting it. The call's
+// own fault (Op::ShellExecute): Fail answers its status and runs nothing, NoEffect claims a run.
 EFI_STATUS EFIAPI Execute (EFI_HANDLE *parent, CHAR16 *commandLine, CHAR16 **, EFI_STATUS *statusCode) {
   Shell            &shell = Fw ().shell;
   const std::string line  = Text (commandLine);
-  if (const Fault *f = CallFault (line)) return f->effect == Effect::NoEffect && statusCode != nullptr ? *statusCode = EFI_SUCCESS : f->effect == Effect::NoEffect ? EFI_SUCCESS : f->status;
+  if (const Fault *f = Fw ().faults.Check (Op::ShellExecute, U16 (line))) return f->effect == Effect::NoEffect && statusCode != nullptr ? *statusCode = EFI_SUCCESS : f->effect == Effect::NoEffect ? EFI_SUCCESS : f->status;
   if (shell.nested && parent == nullptr) ADD_FAILURE () << "the shell dereferences ParentImageHandle";
   if (shell.nested && (parent == nullptr || Fw ().Find (*parent, gEfiLoadedImageProtocolGuid) == nullptr)) return EFI_INVALID_PARAMETER;
   Table            own    = shell.nested ? Initial () : Table ();
@@ -335,7 +299,7 @@ CONST CHAR16 *EFIAPI GetMapFromDevicePath (EFI_DEVICE_PATH_PROTOCOL **devicePath
 // The older shell environment, as assumed above.
 EFI_STATUS EFIAPI Execute2 (EFI_HANDLE *parent, CHAR16 *commandLine, BOOLEAN) {
   const std::string line = Text (commandLine);
-  if (const Fault *f = CallFault (line)) return f->effect == Effect::NoEffect ? EFI_SUCCESS : f->status;
+  if (const Fault *f = Fw ().faults.Check (Op::ShellExecute, U16 (line))) return f->effect == Effect::NoEffect ? EFI_SUCCESS : f->status;
   return Fw ().Find (reinterpret_cast<EFI_HANDLE>(parent), gEfiLoadedImageProtocolGuid) == nullptr ? EFI_INVALID_PARAMETER : Run (Started (), line);
 }
 
@@ -362,7 +326,7 @@ EFI_STATUS EFIAPI FileMetaArgNoWildCard (CHAR16 *arg, LIST_ENTRY *list) {
   auto        plain = std::find_if (maps.begin (), maps.end (), [&](const auto &m) { return named != maps.end () && m.path == named->path && !m.consistent; });
   const std::string full  = Lower (plain != maps.end () ? plain->name : at.map) + Narrow (at.path);
   auto              *entry = static_cast<SHELL_FILE_ARG *>(AllocateZeroPool (sizeof (SHELL_FILE_ARG)));
-  Raw               file;
+  RawFile           file;
   if (entry == nullptr) return EFI_OUT_OF_RESOURCES;
   entry->Signature = SHELL_FILE_ARG_SIGNATURE;
   entry->FullName  = PoolText (full);

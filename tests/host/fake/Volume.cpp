@@ -29,40 +29,61 @@ struct Wrapped {
   std::shared_ptr<Frozen>  frozen;  // set when inner belongs to a stale root's private mount
 };
 
-namespace {
+// --- The driver's own protocol as every part of the fake uses it (Firmware.h) ----------
 
-std::map<EFI_FILE_PROTOCOL *, std::unique_ptr<Wrapped>> &Handles () {
-  static std::map<EFI_FILE_PROTOCOL *, std::unique_ptr<Wrapped>> handles;
-  return handles;
-}
-
-std::u16string Text (const CHAR16 *text) { return text == nullptr ? u"" : std::u16string (reinterpret_cast<const char16_t *>(text)); }
 CHAR16 *C16 (const std::u16string &text) { return const_cast<CHAR16 *>(reinterpret_cast<const CHAR16 *>(text.c_str ())); }
-bool IsFileInfo (const EFI_GUID *type) { return type != nullptr && std::memcmp (type, &gEfiFileInfoGuid, sizeof (EFI_GUID)) == 0; }
 
-std::u16string Folded (std::u16string text) {
-  for (char16_t &c : text) c = c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - 32) : c;
-  return text;
+std::vector<uint8_t> InfoOf (EFI_FILE_PROTOCOL *file) {
+  UINTN size = 0;
+  if (file->GetInfo (file, &gEfiFileInfoGuid, &size, nullptr) != EFI_BUFFER_TOO_SMALL) return {};
+  std::vector<uint8_t> buffer (size);
+  return EFI_ERROR (file->GetInfo (file, &gEfiFileInfoGuid, &size, buffer.data ())) ? std::vector<uint8_t>() : buffer;
 }
 
-std::u16string Parent (const std::u16string &path) {
-  size_t cut = path.find_last_of (u'\\');
-  return cut == 0 || cut == std::u16string::npos ? u"\\" : path.substr (0, cut);
+const EFI_FILE_INFO *Info (const std::vector<uint8_t> &bytes) { return bytes.empty () ? nullptr : reinterpret_cast<const EFI_FILE_INFO *>(bytes.data ()); }
+
+bool IsDir (EFI_FILE_PROTOCOL *file) {
+  std::vector<uint8_t> info = InfoOf (file);
+  return !info.empty () && (Info (info)->Attribute & EFI_FILE_DIRECTORY) != 0;
+}
+
+Listing Entries (EFI_FILE_PROTOCOL *dir) {
+  Listing              entries;
+  std::vector<uint8_t> buffer (SIZE_OF_EFI_FILE_INFO + 512 * sizeof (CHAR16));
+  dir->SetPosition (dir, 0);
+  for (UINTN size = buffer.size (); !EFI_ERROR (dir->Read (dir, &size, buffer.data ())) && size != 0; size = buffer.size ()) {
+    std::u16string name = reinterpret_cast<const char16_t *>(Info (buffer)->FileName);
+    if (name != u"." && name != u"..") entries.push_back ({ name, (Info (buffer)->Attribute & EFI_FILE_DIRECTORY) != 0 });
+  }
+  return entries;
+}
+
+std::string ReadAll (EFI_FILE_PROTOCOL *file) {
+  std::vector<uint8_t> info = InfoOf (file);
+  std::string          bytes (info.empty () ? 0 : Info (info)->FileSize, '\0');
+  UINTN                size = bytes.size ();
+  file->SetPosition (file, 0);
+  if (!bytes.empty () && (EFI_ERROR (file->Read (file, &size, bytes.data ())) || size != bytes.size ())) ADD_FAILURE () << "the driver read short";
+  return bytes;
+}
+
+bool RemoveTree (EFI_FILE_PROTOCOL *file) {
+  bool ok = true;
+  for (const auto &[name, isDir] : IsDir (file) ? Entries (file) : Listing ()) {
+    EFI_FILE_PROTOCOL *kid = nullptr;
+    ok = !EFI_ERROR (file->Open (file, &kid, C16 (name), EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, 0)) && RemoveTree (kid) && ok;
+  }
+  return file->Delete (file) == EFI_SUCCESS && ok;
 }
 
 // The names of a path, "." and ".." as FAT takes them.
 std::vector<std::u16string> Parts (const std::u16string &path) {
   std::vector<std::u16string> parts;
-  std::u16string              part;
-  for (size_t i = 0; i <= path.size (); ++i) {
-    if (i < path.size () && path[i] != u'\\') {
-      part += path[i];
-    } else if (part == u"..") {
-      if (!parts.empty ()) parts.pop_back ();
-    } else if (!part.empty () && part != u".") {
-      parts.push_back (part);
-    }
-    if (i == path.size () || path[i] == u'\\') part.clear ();
+  for (size_t at = 0, end; at <= path.size (); at = end + 1) {
+    end                       = std::min (path.find (u'\\', at), path.size ());
+    const std::u16string part = path.substr (at, end - at);
+    if (part == u".." && !parts.empty ()) parts.pop_back ();
+    else if (!part.empty () && part != u"." && part != u"..") parts.push_back (part);
   }
   return parts;
 }
@@ -74,40 +95,49 @@ std::u16string Join (const std::u16string &dir, const std::u16string &name) {
   return path.empty () ? u"\\" : path;
 }
 
-std::vector<uint8_t> InfoOf (EFI_FILE_PROTOCOL *file) {
-  UINTN size = 0;
-  if (file->GetInfo (file, &gEfiFileInfoGuid, &size, nullptr) != EFI_BUFFER_TOO_SMALL) return {};
-  std::vector<uint8_t> buffer (size);
-  return EFI_ERROR (file->GetInfo (file, &gEfiFileInfoGuid, &size, buffer.data ())) ? std::vector<uint8_t>() : buffer;
+std::u16string RootPath (const std::string &text) {
+  std::u16string path = U16 (text);
+  std::replace (path.begin (), path.end (), u'/', u'\\');
+  return Join (u"\\", path);
 }
 
-const EFI_FILE_INFO *Info (const std::vector<uint8_t> &bytes) { return bytes.empty () ? nullptr : reinterpret_cast<const EFI_FILE_INFO *>(bytes.data ()); }
+namespace {
+
+std::map<EFI_FILE_PROTOCOL *, std::unique_ptr<Wrapped>> &Handles () {
+  static std::map<EFI_FILE_PROTOCOL *, std::unique_ptr<Wrapped>> handles;
+  return handles;
+}
+
+std::u16string Text (const CHAR16 *text) { return text == nullptr ? u"" : std::u16string (reinterpret_cast<const char16_t *>(text)); }
+
+std::u16string Folded (std::u16string text) {
+  for (char16_t &c : text) c = c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - 32) : c;
+  return text;
+}
+
+std::u16string Parent (const std::u16string &path) {
+  size_t cut = path.find_last_of (u'\\');
+  return cut == 0 || cut == std::u16string::npos ? u"\\" : path.substr (0, cut);
+}
 
 std::u16string StoredName (EFI_FILE_PROTOCOL *file) {
   std::vector<uint8_t> info = InfoOf (file);
   return info.empty () ? u"" : Text (Info (info)->FileName);
 }
 
-bool IsDir (EFI_FILE_PROTOCOL *file) {
-  std::vector<uint8_t> info = InfoOf (file);
-  return !info.empty () && (Info (info)->Attribute & EFI_FILE_DIRECTORY) != 0;
-}
-
 // A path from the root, every name in it as the driver stored it (as typed where a folder
 // on the way cannot be opened). Any handle of the volume starts the walk.
 std::u16string StoredPath (EFI_FILE_PROTOCOL *any, const std::u16string &path) {
-  EFI_FILE_PROTOCOL *at = nullptr;
-  if (EFI_ERROR (any->Open (any, &at, C16 (u"\\"), EFI_FILE_MODE_READ, 0))) at = nullptr;
+  RawFile at;
+  any->Open (any, &at.file, C16 (u"\\"), EFI_FILE_MODE_READ, 0);
   std::u16string stored;
   for (const auto &part : Parts (path)) {
-    EFI_FILE_PROTOCOL *next = nullptr;
-    if (at == nullptr || EFI_ERROR (at->Open (at, &next, C16 (part), EFI_FILE_MODE_READ, 0))) next = nullptr;
-    const std::u16string name = next != nullptr ? StoredName (next) : u"";
+    RawFile next;
+    if (at) at->Open (at.file, &next.file, C16 (part), EFI_FILE_MODE_READ, 0);
+    const std::u16string name = next ? StoredName (next.file) : u"";
     stored += u"\\" + (name.empty () ? part : name);
-    if (at != nullptr) at->Close (at);
-    at = next;
+    std::swap (at.file, next.file);
   }
-  if (at != nullptr) at->Close (at);
   return stored.empty () ? u"\\" : stored;
 }
 
@@ -118,10 +148,7 @@ bool Misspelled (const std::u16string &stored, const std::u16string &path, UINT6
   return stored != path;
 }
 
-void AskForMore (UINTN *size) {
-  if (size != nullptr) *size += SIZE_OF_EFI_FILE_INFO + 256 * sizeof (CHAR16);
-}
-void AskForMore (std::nullptr_t) {}
+void AskForMore (UINTN *size) { if (size != nullptr) *size += SIZE_OF_EFI_FILE_INFO + 256 * sizeof (CHAR16); }
 
 Wrapped *Lookup (EFI_FILE_PROTOCOL *self) {
   auto it = Handles ().find (self);
@@ -135,6 +162,7 @@ EFI_FILE_PROTOCOL *Wrap (Volume &volume, EFI_FILE_PROTOCOL *inner, std::u16strin
 // Every file call but Close and Delete starts here: the handle, then the fault for this
 // call on that path, if one fires (Fail: its status, asking for more room when that is what
 // it answers; NoEffect: success, nothing done; Short: Read and Write move half).
+#define NO_SIZE static_cast<UINTN *>(nullptr)
 #define ENTER(op, matchPath, size)                                                      \
   Wrapped *file = Lookup (self);                                                        \
   if (file == nullptr) return EFI_INVALID_PARAMETER;                                    \
@@ -147,7 +175,7 @@ EFI_FILE_PROTOCOL *Wrap (Volume &volume, EFI_FILE_PROTOCOL *inner, std::u16strin
   (void)shorten
 
 EFI_STATUS EFIAPI FileOpen (EFI_FILE_PROTOCOL *self, EFI_FILE_PROTOCOL **out, CHAR16 *name, UINT64 mode, UINT64 attributes) {
-  ENTER (Op::Open, Text (name), nullptr);
+  ENTER (Op::Open, Text (name), NO_SIZE);
   if (name == nullptr || out == nullptr) return EFI_INVALID_PARAMETER;
   if (file->volume->writeProtected && (mode & EFI_FILE_MODE_WRITE) != 0) return EFI_WRITE_PROTECTED;
   const std::u16string path  = Join (file->path, Text (name));
@@ -204,19 +232,19 @@ EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) 
 }
 
 EFI_STATUS EFIAPI FileWrite (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) {
-  ENTER (Op::Write, file->path, nullptr);
+  ENTER (Op::Write, file->path, NO_SIZE);
   if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
   if (shorten && size != nullptr) *size /= 2;
   return file->inner->Write (file->inner, size, buffer);
 }
 
 EFI_STATUS EFIAPI FileGetPosition (EFI_FILE_PROTOCOL *self, UINT64 *position) {
-  ENTER (Op::GetPosition, file->path, nullptr);
+  ENTER (Op::GetPosition, file->path, NO_SIZE);
   return file->inner->GetPosition (file->inner, position);
 }
 
 EFI_STATUS EFIAPI FileSetPosition (EFI_FILE_PROTOCOL *self, UINT64 position) {
-  ENTER (Op::SetPosition, file->path, nullptr);
+  ENTER (Op::SetPosition, file->path, NO_SIZE);
   return file->inner->SetPosition (file->inner, position);
 }
 
@@ -226,9 +254,9 @@ EFI_STATUS EFIAPI FileGetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN *s
 }
 
 EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN size, VOID *buffer) {
-  const bool           rename = IsFileInfo (type) && size >= SIZE_OF_EFI_FILE_INFO + 2 && buffer != nullptr;
+  const bool           rename = type != nullptr && CompareGuid (type, &gEfiFileInfoGuid) && size >= SIZE_OF_EFI_FILE_INFO + 2 && buffer != nullptr;
   const std::u16string name   = rename ? Text (static_cast<const EFI_FILE_INFO *>(buffer)->FileName) : u"";
-  ENTER (Op::SetInfo, file->path + u"->" + name, nullptr);
+  ENTER (Op::SetInfo, file->path + u"->" + name, NO_SIZE);
   if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
   if (rename && file->volume->rejectPathNames && name.find_first_of (u"\\/") != std::u16string::npos) return EFI_INVALID_PARAMETER;
   const std::u16string target = Join (Parent (file->path), name);
@@ -247,7 +275,7 @@ EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN si
 }
 
 EFI_STATUS EFIAPI FileFlush (EFI_FILE_PROTOCOL *self) {
-  ENTER (Op::Flush, file->path, nullptr);
+  ENTER (Op::Flush, file->path, NO_SIZE);
   return file->inner->Flush (file->inner);
 }
 
@@ -286,24 +314,8 @@ EFI_STATUS EFIAPI OpenVolume (EFI_SIMPLE_FILE_SYSTEM_PROTOCOL *self, EFI_FILE_PR
 
 // --- Test side ---------------------------------------------------------------------
 
-// A handle on the driver's own protocol, closed when it goes.
-struct RawFile {
-  EFI_FILE_PROTOCOL *file = nullptr;
-  RawFile (EFI_FILE_PROTOCOL *f = nullptr) : file (f) {}
-  RawFile (RawFile &&other) noexcept : file (std::exchange (other.file, nullptr)) {}
-  ~RawFile () { if (file != nullptr) file->Close (file); }
-  EFI_FILE_PROTOCOL *operator-> () const { return file; }
-  explicit operator bool () const { return file != nullptr; }
-};
-
-std::u16string TestPath (const std::string &text) {
-  std::u16string path = U16 (text);
-  std::replace (path.begin (), path.end (), u'/', u'\\');
-  return Join (u"\\", path);
-}
-
 RawFile RawOpen (const Volume &volume, const std::string &text, UINT64 mode = EFI_FILE_MODE_READ, UINT64 attributes = 0) {
-  const std::u16string path = TestPath (text);
+  const std::u16string path = RootPath (text);
   EFI_FILE_PROTOCOL *root = nullptr, *file = nullptr;
   EXPECT_EQ (volume.raw->OpenVolume (volume.raw, &root), EFI_SUCCESS) << "the driver's OpenVolume failed";
   if (root == nullptr || path == u"\\") return RawFile (root);
@@ -313,78 +325,35 @@ RawFile RawOpen (const Volume &volume, const std::string &text, UINT64 mode = EF
   return RawFile (file);
 }
 
-// The entries of a folder, "." and ".." left out: name, folder or not.
-std::vector<std::pair<std::u16string, bool>> Entries (EFI_FILE_PROTOCOL *dir) {
-  std::vector<std::pair<std::u16string, bool>> entries;
-  std::vector<uint8_t> buffer (SIZE_OF_EFI_FILE_INFO + 512 * sizeof (CHAR16));
-  dir->SetPosition (dir, 0);
-  for (UINTN size = buffer.size (); !EFI_ERROR (dir->Read (dir, &size, buffer.data ())) && size != 0; size = buffer.size ()) {
-    std::u16string name = Text (Info (buffer)->FileName);
-    if (name != u"." && name != u"..") entries.push_back ({ name, (Info (buffer)->Attribute & EFI_FILE_DIRECTORY) != 0 });
-  }
-  return entries;
-}
-
-// Opens every entry of a folder in turn; fn closes (or deletes) what it is given.
-template<typename Fn> void EachEntry (EFI_FILE_PROTOCOL *dir, bool foldersOnly, UINT64 mode, Fn fn) {
+// Every path below a folder -> its bytes ("<dir>" for a folder); with snapshot off, only
+// every folder below it opened once.
+void Walk (EFI_FILE_PROTOCOL *dir, const std::u16string &prefix, std::map<std::string, std::string> *snapshot) {
   for (const auto &[name, isDir] : Entries (dir)) {
-    EFI_FILE_PROTOCOL *kid = nullptr;
-    if (foldersOnly && !isDir) continue;
-    if (!EFI_ERROR (dir->Open (dir, &kid, C16 (name), mode, 0))) fn (name, isDir, kid);
-    else ADD_FAILURE () << "listed but not opened: " << Narrow (name);
+    RawFile kid;
+    if ((isDir || snapshot != nullptr) && EFI_ERROR (dir->Open (dir, &kid.file, C16 (name), EFI_FILE_MODE_READ, 0))) ADD_FAILURE () << "listed but not opened: " << Narrow (name);
+    if (kid && snapshot != nullptr) (*snapshot)[Narrow (prefix + u"\\" + name)] = isDir ? std::string ("<dir>") : ReadAll (kid.file);
+    if (kid && isDir) Walk (kid.file, prefix + u"\\" + name, snapshot);
   }
-}
-
-std::string ReadAll (EFI_FILE_PROTOCOL *file) {
-  std::vector<uint8_t> info = InfoOf (file);
-  std::string          bytes (info.empty () ? 0 : Info (info)->FileSize, '\0');
-  UINTN                size = bytes.size ();
-  file->SetPosition (file, 0);
-  if (!bytes.empty () && (EFI_ERROR (file->Read (file, &size, bytes.data ())) || size != bytes.size ())) ADD_FAILURE () << "the driver read short";
-  return bytes;
-}
-
-void RemoveTree (EFI_FILE_PROTOCOL *file) {
-  if (IsDir (file)) EachEntry (file, false, EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, [](auto &, bool, EFI_FILE_PROTOCOL *kid) { RemoveTree (kid); });
-  EXPECT_EQ (file->Delete (file), EFI_SUCCESS) << "the driver did not delete " << Narrow (StoredName (file));
-}
-
-void Collect (EFI_FILE_PROTOCOL *dir, const std::u16string &prefix, std::map<std::string, std::string> &out) {
-  EachEntry (dir, false, EFI_FILE_MODE_READ, [&](const std::u16string &name, bool isDir, EFI_FILE_PROTOCOL *kid) {
-    RawFile held (kid);
-    out[Narrow (prefix + u"\\" + name)] = isDir ? std::string ("<dir>") : ReadAll (kid);
-    if (isDir) Collect (kid, prefix + u"\\" + name, out);
-  });
-}
-
-// Opens and closes every folder below one.
-void VisitFolders (EFI_FILE_PROTOCOL *dir) {
-  EachEntry (dir, true, EFI_FILE_MODE_READ, [](auto &, bool, EFI_FILE_PROTOCOL *kid) { VisitFolders (RawFile (kid).file); });
 }
 
 }  // namespace
 
-Volume::Volume (Firmware &firmware, const Disk &image) : sfs{}, fw (firmware), handle (fw.NewHandle ()) {
-  sfs      = { EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_REVISION, OpenVolume };
+Volume::Volume (Firmware &firmware, const Disk &image) : sfs{ EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_REVISION, OpenVolume }, fw (firmware), handle (fw.NewHandle ()) {
   if (image.Size () < 512) ADD_FAILURE () << "no medium to mount";
-  device   = &fw.AddDisk (handle, std::make_shared<Disk>(image.Size () < 512 ? FormattedFat32 () : image));
-  raw      = fw.ConnectFat (handle);
+  device = &fw.AddDisk (handle, std::make_shared<Disk>(image.Size () < 512 ? FormattedFat32 () : image));
+  raw    = fw.ConnectFat (handle);
 }
 
 Volume::~Volume () {
   for (auto it = Handles ().begin (); it != Handles ().end ();) {
-    if (it->second->volume != this) {
-      ++it;
-      continue;
-    }
-    it->second->inner->Close (it->second->inner);
-    it = Handles ().erase (it);
+    if (it->second->volume == this) it->second->inner->Close (it->second->inner), it = Handles ().erase (it);
+    else ++it;
   }
   // When a file moves to another folder, the FAT driver leaves the folder it left in its
   // cache, off the list it checks for unused entries, until someone opens that folder
   // again; then Stop cannot free the volume. Opening every folder once lets the driver
   // free it all, so that what the drivers' pool check reports is a leak of ours.
-  if (raw != nullptr) VisitFolders (RawOpen (*this, "\\").file);
+  if (raw != nullptr) Walk (RawOpen (*this, "\\").file, u"", nullptr);
   // A volume no driver has mounted yet only hides the file system from the handle
   // database; the FAT driver's Stop finds its volume through it.
   if (raw != nullptr && fw.Find (handle, gEfiSimpleFileSystemProtocolGuid) == nullptr) fw.Install (handle, gEfiSimpleFileSystemProtocolGuid, raw);
@@ -394,7 +363,7 @@ Volume::~Volume () {
 
 void Volume::Mkdir (const std::string &path) {
   std::string at;
-  for (const auto &part : Parts (TestPath (path))) {
+  for (const auto &part : Parts (RootPath (path))) {
     at += "\\" + Narrow (part);
     RawFile dir = RawOpen (*this, at, EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE | EFI_FILE_MODE_CREATE, EFI_FILE_DIRECTORY);
     if (!dir || !IsDir (dir.file)) return (void)(ADD_FAILURE () << "could not make the folder " << at);
@@ -416,16 +385,14 @@ void Volume::Put (const std::string &path, const std::string &bytes) {
     EXPECT_EQ (file->SetInfo (file.file, &gEfiFileInfoGuid, info.size (), fileInfo), EFI_SUCCESS) << "could not truncate " << path;
   }
   UINTN size = bytes.size ();
-  if (size > 0) {
-    EXPECT_EQ (file->Write (file.file, &size, const_cast<char *>(bytes.data ())), EFI_SUCCESS) << "could not write " << path;
-  }
+  EXPECT_EQ (size == 0 ? EFI_SUCCESS : file->Write (file.file, &size, const_cast<char *>(bytes.data ())), EFI_SUCCESS) << "could not write " << path;
   EXPECT_EQ (size, bytes.size ()) << "short write to " << path;
   EXPECT_EQ (file->Flush (file.file), EFI_SUCCESS) << "could not flush " << path;
 }
 
 void Volume::Remove (const std::string &path) {
   RawFile file = RawOpen (*this, path, EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE);
-  if (file && TestPath (path) != u"\\") RemoveTree (std::exchange (file.file, nullptr));
+  if (file && RootPath (path) != u"\\" && !RemoveTree (file.Take ())) ADD_FAILURE () << "the driver did not delete all of " << path;
 }
 
 bool Volume::Exists (const std::string &path) const { return static_cast<bool>(RawOpen (*this, path)); }
@@ -441,16 +408,18 @@ std::vector<std::string> Volume::List (const std::string &dir) const {
   std::vector<std::string> names;
   RawFile folder = RawOpen (*this, dir);
   if (folder && IsDir (folder.file)) {
-    for (const auto &entry : Entries (folder.file)) names.push_back (Narrow (entry.first));
+    for (const auto &[name, isDir] : Entries (folder.file)) names.push_back (Narrow (name));
   }
   return names;
 }
 
 std::map<std::string, std::string> Volume::Snapshot () const {
   std::map<std::string, std::string> out;
-  if (RawFile root = RawOpen (*this, "\\")) Collect (root.file, u"", out);
+  if (RawFile root = RawOpen (*this, "\\")) Walk (root.file, u"", &out);
   return out;
 }
+
+int Firmware::OpenHandles () const { return static_cast<int>(Handles ().size ()); }
 
 int Volume::OpenHandles () const {
   return static_cast<int>(std::count_if (Handles ().begin (), Handles ().end (), [this](const auto &h) { return h.second->volume == this; }));
