@@ -14,16 +14,8 @@
 
 namespace firmware_statuses {
 
-struct Outcome {
-  EFI_STATUS    status;
-  fake::Effect  effect = fake::Effect::Fail;
-};
-
-struct Table {
-  fake::Op              op;
-  const char            *name;
-  std::vector<Outcome>  outcomes;   // empty: the call cannot fail
-};
+struct Outcome { EFI_STATUS status; fake::Effect effect = fake::Effect::Fail; };
+struct Table { fake::Op op; const char *name; std::vector<Outcome> outcomes; };   // no outcomes: the call cannot fail
 
 using fake::Effect;
 using fake::Op;

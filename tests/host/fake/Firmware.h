@@ -322,6 +322,7 @@ std::vector<uint8_t> WithGptPartition (const std::vector<uint8_t> &disk, uint32_
                                        const std::array<uint8_t, 16> &guid);
 // A device's path followed by a file-path node (a path on that volume, '\\' or '/') and End.
 std::vector<uint8_t> WithFilePath (const std::vector<uint8_t> &device, const std::string &path);
+size_t NodeLength (const uint8_t *node);   // of a device-path node
 
 // The first 4096 bytes of a small image formatted by the real tool at test time
 // ("fat32", "fat16", "ntfs", "exfat"; made once per process), and the UUID blkid reports

@@ -12,12 +12,13 @@
 #include <cstring>
 
 namespace fake {
+
+size_t NodeLength (const uint8_t *node) { return node[2] | node[3] << 8; }
+
 namespace {
 
 const std::string kDriverTag = "MZ fake file-system driver #";
 const uint8_t     kEnd[]     = { END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0 };
-
-size_t NodeLength (const uint8_t *node) { return node[2] | node[3] << 8; }
 
 // The bytes of a path's first instance before its End node; a malformed node ends it too.
 size_t InstanceSize (const uint8_t *path) {

@@ -45,9 +45,8 @@ std::string Upper (std::string s) { return std::transform (s.begin (), s.end (),
 std::string Lower (std::string s) { return std::transform (s.begin (), s.end (), s.begin (), [](unsigned char c) { return static_cast<char>(std::tolower (c)); }), s; }
 std::string Text (const CHAR16 *text) { return text == nullptr ? "" : Narrow (reinterpret_cast<const char16_t *>(text)); }
 CHAR16 *PoolText (const std::string &text) { return static_cast<CHAR16 *>(AllocateCopyPool ((text.size () + 1) * sizeof (CHAR16), U16 (text).c_str ())); }
-size_t Length (const uint8_t *node) { return node[2] | node[3] << 8; }
-bool IsEnd (const uint8_t *node) { return node[0] == END_DEVICE_PATH_TYPE || Length (node) < 4; }
-template<typename T> T As (const uint8_t *node) { T t{}; return std::memcpy (&t, node, std::min (sizeof (T), Length (node))), t; }
+bool IsEnd (const uint8_t *node) { return node[0] == END_DEVICE_PATH_TYPE || NodeLength (node) < 4; }
+template<typename T> T As (const uint8_t *node) { T t{}; return std::memcpy (&t, node, std::min (sizeof (T), NodeLength (node))), t; }
 const uint8_t *PathOf (EFI_HANDLE handle) { return static_cast<const uint8_t *>(Fw ().Find (handle, gEfiDevicePathProtocolGuid)); }
 template<typename... A> std::string Format (const char *format, A... args) { char text[64]; return std::snprintf (text, sizeof (text), format, args...), text; }
 std::string Hex (const uint8_t *bytes, size_t count) { std::string hex; for (size_t i = 0; i < count; ++i) hex += Format ("%02x", bytes[i]); return hex; }
@@ -58,13 +57,13 @@ std::string Hex (const uint8_t *bytes, size_t count) { std::string hex; for (siz
 // nodes ConsistMapping.c takes for a device's host.
 std::string PathText (const uint8_t *node, bool hosts = false) {
   std::string text;
-  for (; node != nullptr && !IsEnd (node); node += Length (node)) {
+  for (; node != nullptr && !IsEnd (node); node += NodeLength (node)) {
     const UINT8 type = node[0], sub = node[1];
     const auto  acpi = As<ACPI_HID_DEVICE_PATH>(node);
     const auto  hd = As<HARDDRIVE_DEVICE_PATH>(node);
     const auto  legacy = EISA_ID_TO_NUM (acpi.HID);
     if (hosts && type != HARDWARE_DEVICE_PATH && (type != ACPI_DEVICE_PATH || legacy == 0x301 || legacy == 0x401 || legacy == 0x501 || legacy == 0x604)) continue;
-    std::string piece = Format ("Path(%u,%u,", type, sub) + Hex (node + 4, Length (node) - 4) + ")";
+    std::string piece = Format ("Path(%u,%u,", type, sub) + Hex (node + 4, NodeLength (node) - 4) + ")";
     if (type == ACPI_DEVICE_PATH && sub == ACPI_DP && acpi.HID == EISA_PNP_ID (0x0A03)) piece = Format ("PciRoot(0x%x)", acpi.UID);
     if (type == HARDWARE_DEVICE_PATH && sub == HW_PCI_DP) piece = Format ("Pci(0x%x,0x%x)", node[5], node[4]);
     if (type == MESSAGING_DEVICE_PATH && sub == MSG_USB_DP) piece = Format ("USB(0x%x,0x%x)", node[4], node[5]);
@@ -93,7 +92,7 @@ std::string ConsistentName (const uint8_t *path) {
   std::string media = "F", serial;
   bool        digits = false;
   auto        add = [&](uint64_t n) { serial += digits ? std::to_string (n) : Letters (n), digits = !digits, media = "HD"; };
-  for (const uint8_t *node = path; !IsEnd (node); node += Length (node)) {
+  for (const uint8_t *node = path; !IsEnd (node); node += NodeLength (node)) {
     if (node[0] == MESSAGING_DEVICE_PATH && node[1] == MSG_USB_DP) add (node[4]), add (node[5]);
     if (node[0] == MEDIA_DEVICE_PATH && node[1] == MEDIA_HARDDRIVE_DP) add (As<HARDDRIVE_DEVICE_PATH>(node).PartitionNumber);
   }
@@ -292,7 +291,7 @@ CONST CHAR16 *EFIAPI GetMapFromDevicePath (EFI_DEVICE_PATH_PROTOCOL **devicePath
   std::string       names;
   for (const auto &m : Started ().maps) names += m.path == path ? (names.empty () ? "" : ";") + m.name : "";
   CHAR16 *answer = names.empty () ? nullptr : C16 (Fw ().shell.answers.emplace_back (U16 (names)));
-  for (auto *node = reinterpret_cast<uint8_t *>(*devicePath); answer != nullptr && !IsEnd (node); node += Length (node)) *devicePath = reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL *>(node + Length (node));
+  for (auto *node = reinterpret_cast<uint8_t *>(*devicePath); answer != nullptr && !IsEnd (node); node += NodeLength (node)) *devicePath = reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL *>(node + NodeLength (node));
   return answer;
 }
 

@@ -120,11 +120,6 @@ std::u16string Parent (const std::u16string &path) {
   return cut == 0 || cut == std::u16string::npos ? u"\\" : path.substr (0, cut);
 }
 
-std::u16string StoredName (EFI_FILE_PROTOCOL *file) {
-  std::vector<uint8_t> info = InfoOf (file);
-  return info.empty () ? u"" : Text (Info (info)->FileName);
-}
-
 // A path from the root, every name in it as the driver stored it (as typed where a folder
 // on the way cannot be opened). Any handle of the volume starts the walk.
 std::u16string StoredPath (EFI_FILE_PROTOCOL *any, const std::u16string &path) {
@@ -134,7 +129,8 @@ std::u16string StoredPath (EFI_FILE_PROTOCOL *any, const std::u16string &path) {
   for (const auto &part : Parts (path)) {
     RawFile next;
     if (at) at->Open (at.file, &next.file, C16 (part), EFI_FILE_MODE_READ, 0);
-    const std::u16string name = next ? StoredName (next.file) : u"";
+    const std::vector<uint8_t> info = next ? InfoOf (next.file) : std::vector<uint8_t>();
+    const std::u16string       name = info.empty () ? u"" : Text (Info (info)->FileName);
     stored += u"\\" + (name.empty () ? part : name);
     std::swap (at.file, next.file);
   }
@@ -162,7 +158,6 @@ EFI_FILE_PROTOCOL *Wrap (Volume &volume, EFI_FILE_PROTOCOL *inner, std::u16strin
 // Every file call but Close and Delete starts here: the handle, then the fault for this
 // call on that path, if one fires (Fail: its status, asking for more room when that is what
 // it answers; NoEffect: success, nothing done; Short: Read and Write move half).
-#define NO_SIZE static_cast<UINTN *>(nullptr)
 #define ENTER(op, matchPath, size)                                                      \
   Wrapped *file = Lookup (self);                                                        \
   if (file == nullptr) return EFI_INVALID_PARAMETER;                                    \
@@ -175,7 +170,7 @@ EFI_FILE_PROTOCOL *Wrap (Volume &volume, EFI_FILE_PROTOCOL *inner, std::u16strin
   (void)shorten
 
 EFI_STATUS EFIAPI FileOpen (EFI_FILE_PROTOCOL *self, EFI_FILE_PROTOCOL **out, CHAR16 *name, UINT64 mode, UINT64 attributes) {
-  ENTER (Op::Open, Text (name), NO_SIZE);
+  ENTER (Op::Open, Text (name), nullptr);
   if (name == nullptr || out == nullptr) return EFI_INVALID_PARAMETER;
   if (file->volume->writeProtected && (mode & EFI_FILE_MODE_WRITE) != 0) return EFI_WRITE_PROTECTED;
   const std::u16string path  = Join (file->path, Text (name));
@@ -196,23 +191,13 @@ EFI_STATUS EFIAPI FileOpen (EFI_FILE_PROTOCOL *self, EFI_FILE_PROTOCOL **out, CH
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FileClose (EFI_FILE_PROTOCOL *self) {
+// Close, and Delete, whose handle is closed whatever it answers; Close cannot fail.
+template<bool Delete> EFI_STATUS EFIAPI FileEnd (EFI_FILE_PROTOCOL *self) {
   Wrapped *file = Lookup (self);
   if (file == nullptr) return EFI_INVALID_PARAMETER;
-  file->volume->fw.faults.Check (Op::Close, file->path);
-  file->inner->Close (file->inner);
-  Handles ().erase (self);
-  return EFI_SUCCESS;
-}
-
-// The handle is closed whatever Delete answers.
-EFI_STATUS EFIAPI FileDelete (EFI_FILE_PROTOCOL *self) {
-  Wrapped *file = Lookup (self);
-  if (file == nullptr) return EFI_INVALID_PARAMETER;
-  const Fault *fault = file->volume->fw.faults.Check (Op::Delete, file->path);
-  EFI_STATUS  status = EFI_SUCCESS;
-  if (fault == nullptr) status = file->inner->Delete (file->inner);
-  else file->inner->Close (file->inner), status = fault->effect == Effect::NoEffect ? EFI_SUCCESS : fault->status;
+  const Fault     *fault = file->volume->fw.faults.Check (Delete ? Op::Delete : Op::Close, file->path);
+  const EFI_STATUS status = Delete && fault == nullptr ? file->inner->Delete (file->inner)
+                          : (file->inner->Close (file->inner), !Delete || fault->effect == Effect::NoEffect ? EFI_SUCCESS : fault->status);
   Handles ().erase (self);
   return status;
 }
@@ -232,19 +217,19 @@ EFI_STATUS EFIAPI FileRead (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) 
 }
 
 EFI_STATUS EFIAPI FileWrite (EFI_FILE_PROTOCOL *self, UINTN *size, VOID *buffer) {
-  ENTER (Op::Write, file->path, NO_SIZE);
+  ENTER (Op::Write, file->path, nullptr);
   if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
   if (shorten && size != nullptr) *size /= 2;
   return file->inner->Write (file->inner, size, buffer);
 }
 
 EFI_STATUS EFIAPI FileGetPosition (EFI_FILE_PROTOCOL *self, UINT64 *position) {
-  ENTER (Op::GetPosition, file->path, NO_SIZE);
+  ENTER (Op::GetPosition, file->path, nullptr);
   return file->inner->GetPosition (file->inner, position);
 }
 
 EFI_STATUS EFIAPI FileSetPosition (EFI_FILE_PROTOCOL *self, UINT64 position) {
-  ENTER (Op::SetPosition, file->path, NO_SIZE);
+  ENTER (Op::SetPosition, file->path, nullptr);
   return file->inner->SetPosition (file->inner, position);
 }
 
@@ -256,7 +241,7 @@ EFI_STATUS EFIAPI FileGetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN *s
 EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN size, VOID *buffer) {
   const bool           rename = type != nullptr && CompareGuid (type, &gEfiFileInfoGuid) && size >= SIZE_OF_EFI_FILE_INFO + 2 && buffer != nullptr;
   const std::u16string name   = rename ? Text (static_cast<const EFI_FILE_INFO *>(buffer)->FileName) : u"";
-  ENTER (Op::SetInfo, file->path + u"->" + name, NO_SIZE);
+  ENTER (Op::SetInfo, file->path + u"->" + name, nullptr);
   if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
   if (rename && file->volume->rejectPathNames && name.find_first_of (u"\\/") != std::u16string::npos) return EFI_INVALID_PARAMETER;
   const std::u16string target = Join (Parent (file->path), name);
@@ -275,12 +260,12 @@ EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN si
 }
 
 EFI_STATUS EFIAPI FileFlush (EFI_FILE_PROTOCOL *self) {
-  ENTER (Op::Flush, file->path, NO_SIZE);
+  ENTER (Op::Flush, file->path, nullptr);
   return file->inner->Flush (file->inner);
 }
 
 EFI_FILE_PROTOCOL *Wrap (Volume &volume, EFI_FILE_PROTOCOL *inner, std::u16string path, std::shared_ptr<Frozen> frozen) {
-  static const EFI_FILE_PROTOCOL kFile = { EFI_FILE_PROTOCOL_REVISION, FileOpen, FileClose, FileDelete, FileRead, FileWrite,
+  static const EFI_FILE_PROTOCOL kFile = { EFI_FILE_PROTOCOL_REVISION, FileOpen, FileEnd<false>, FileEnd<true>, FileRead, FileWrite,
                                            FileGetPosition, FileSetPosition, FileGetInfo, FileSetInfo, FileFlush,
                                            nullptr, nullptr, nullptr, nullptr };
   auto *file = new Wrapped{ kFile, &volume, inner, std::move (path), std::move (frozen) };
@@ -407,9 +392,7 @@ std::string Volume::Get (const std::string &path) const {
 std::vector<std::string> Volume::List (const std::string &dir) const {
   std::vector<std::string> names;
   RawFile folder = RawOpen (*this, dir);
-  if (folder && IsDir (folder.file)) {
-    for (const auto &[name, isDir] : Entries (folder.file)) names.push_back (Narrow (name));
-  }
+  for (const auto &[name, isDir] : folder && IsDir (folder.file) ? Entries (folder.file) : Listing ()) names.push_back (Narrow (name));
   return names;
 }
 
