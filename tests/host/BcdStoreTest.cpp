@@ -13,12 +13,8 @@ class BcdTest : public StickTest {
  protected:
   void SetUp () override {
     StickTest::SetUp ();
-    boot.Put ("\\sources\\s-win-a.txt", "");
-    boot.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n");
-    boot.Put ("\\efi\\microsoft\\s-win-a.txt", "");
-    boot.Put ("\\boot\\BCD", kStoreA);
-    boot.Put ("\\boot\\backup\\bcd_a", kStoreA);
-    boot.Put ("\\boot\\backup\\bcd_a.md5", Md5Hex (kStoreA) + "\r\n");
+    boot.Put ("\\sources\\s-win-a.txt", ""), boot.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n"), boot.Put ("\\efi\\microsoft\\s-win-a.txt", "");
+    boot.Put ("\\boot\\BCD", kStoreA), boot.Put ("\\boot\\backup\\bcd_a", kStoreA), boot.Put ("\\boot\\backup\\bcd_a.md5", Md5Hex (kStoreA) + "\r\n");
   }
 
   EFI_STATUS Active () { return IsRequestedGroupActive (&context, boot.Handle (), root); }
@@ -38,8 +34,7 @@ TEST_F (BcdTest, ActiveGroupIsRecognisedAndItsRecordCompleted) {
 }
 
 TEST_F (BcdTest, WithoutAnyDigestAnExistingStoreIsTrusted) {
-  boot.Remove ("\\boot\\backup\\bcd_a.md5");
-  boot.Put ("\\boot\\BCD", kStray);
+  boot.Remove ("\\boot\\backup\\bcd_a.md5"), boot.Put ("\\boot\\BCD", kStray);
   EXPECT_EQ (Active (), EFI_SUCCESS);
   boot.Remove ("\\boot\\BCD");
   EXPECT_EQ (Active (), EFI_NOT_FOUND);
@@ -50,8 +45,7 @@ TEST_F (BcdTest, WithoutAnyDigestAnExistingStoreIsTrusted) {
 }
 
 TEST_F (BcdTest, WrongActiveStoreIsRepairedFromBackupAndKeptAside) {
-  boot.Put ("\\boot\\BCD", kStray);
-  boot.Put ("\\boot\\BCD_BAK", "older kept store");
+  boot.Put ("\\boot\\BCD", kStray), boot.Put ("\\boot\\BCD_BAK", "older kept store");
   const auto before = boot.Snapshot ();
 
   EXPECT_EQ (Active (), EFI_SUCCESS);
@@ -123,14 +117,10 @@ TEST_F (BcdTest, StrayStoreGoesToItsOwnersName) {
   };
 
   for (const auto &row : rows) {
-    boot.Remove ("\\ZENTO\\software.xml");
-    boot.Remove ("\\boot\\bcd_b");
-    boot.Put ("\\boot\\BCD", kStoreB);
+    boot.Remove ("\\ZENTO\\software.xml"), boot.Remove ("\\boot\\bcd_b"), boot.Put ("\\boot\\BCD", kStoreB);
     if (!row.xml.empty ()) boot.Put ("\\ZENTO\\software.xml", row.xml);
-    boot.Put ("\\sources\\recovery.txt", row.record.empty () ? "ID|s-win-a\r\n" : row.record);
-    boot.Put ("\\boot\\backup\\bcd_b.md5", row.digestB);
-    boot.Put ("\\boot\\BCD.bak", "older bak");
-    boot.Remove ("\\boot\\BCD.bak1");
+    boot.Put ("\\sources\\recovery.txt", row.record.empty () ? "ID|s-win-a\r\n" : row.record), boot.Put ("\\boot\\backup\\bcd_b.md5", row.digestB);
+    boot.Put ("\\boot\\BCD.bak", "older bak"), boot.Remove ("\\boot\\BCD.bak1");
     if (row.taken) boot.Put ("\\boot\\bcd_b", "another store of b");
     const auto before = boot.Snapshot ();
     fw.console.clear ();
@@ -145,9 +135,7 @@ TEST_F (BcdTest, StrayStoreGoesToItsOwnersName) {
   }
 
   // Install metadata that cannot be read is reported and the other sources decide.
-  boot.Put ("\\boot\\BCD", kStoreB);
-  boot.Remove ("\\boot\\bcd_b");
-  boot.Put ("\\ZENTO\\software.xml", "<software>");
+  boot.Put ("\\boot\\BCD", kStoreB), boot.Remove ("\\boot\\bcd_b"), boot.Put ("\\ZENTO\\software.xml", "<software>");
   fw.faults.Set ({ Op::Read, EFI_VOLUME_CORRUPTED, 1, "software.xml" });
   fw.console.clear ();
   EXPECT_EQ (Normalize (), EFI_SUCCESS);
@@ -158,8 +146,7 @@ TEST_F (BcdTest, StrayStoreGoesToItsOwnersName) {
 // What the check does not know for sure it does not act on: a damaged digest file or a
 // store that cannot be read is a fault, not a reason to move the active store.
 TEST_F (BcdTest, FaultsAreReportedAndMoveNothing) {
-  boot.Put ("\\boot\\BCD", kStray);
-  boot.Put ("\\boot\\backup\\bcd_a.md5", "not a digest");
+  boot.Put ("\\boot\\BCD", kStray), boot.Put ("\\boot\\backup\\bcd_a.md5", "not a digest");
   EXPECT_EQ (Active (), EFI_COMPROMISED_DATA);
   EXPECT_EQ (boot.Get ("\\boot\\BCD"), kStray);
   EXPECT_FALSE (boot.Exists ("\\boot\\BCD_BAK"));
@@ -183,16 +170,14 @@ TEST_F (BcdTest, FaultsAreReportedAndMoveNothing) {
 // A store under a group's name whose digest names that very group is still not the one
 // expected there: it is kept aside, never left in the way.
 TEST_F (BcdTest, StoreAlreadyUnderItsNameIsMovedAside) {
-  boot.Put ("\\boot\\bcd_b", kStoreB);
-  boot.Put ("\\boot\\backup\\bcd_b.md5", Md5Hex (kStoreB));
+  boot.Put ("\\boot\\bcd_b", kStoreB), boot.Put ("\\boot\\backup\\bcd_b.md5", Md5Hex (kStoreB));
   EXPECT_EQ (Normalize (W (u"\\boot\\bcd_b")), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\bcd_b.bak"), kStoreB);
   EXPECT_FALSE (boot.Exists ("\\boot\\bcd_b"));
 }
 
 TEST_F (BcdTest, StoreClaimedByTwoDigestFilesIsNamedByNeither) {
-  boot.Put ("\\boot\\BCD", kStoreB);
-  boot.Put ("\\boot\\backup\\bcd_a.md5", Md5Hex (kStoreB));
+  boot.Put ("\\boot\\BCD", kStoreB), boot.Put ("\\boot\\backup\\bcd_a.md5", Md5Hex (kStoreB));
   boot.Put ("\\boot\\backup\\bcd_b.md5", Md5Hex (kStoreB));
   EXPECT_EQ (Normalize (), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\BCD.bak"), kStoreB);

@@ -17,9 +17,7 @@ class FileAccessTest : public HostTest {
 };
 
 TEST_F (FileAccessTest, ReadWholeFileTerminatesAfterBytesRead) {
-  boot.Put ("\\boot\\empty", "");
-  boot.Put ("\\boot\\nul", std::string ("ab\0cd", 5));
-  boot.Put ("\\boot\\state", "BCD:c:\\boot\\x\r\n");
+  boot.Put ("\\boot\\empty", ""), boot.Put ("\\boot\\nul", std::string ("ab\0cd", 5)), boot.Put ("\\boot\\state", "BCD:c:\\boot\\x\r\n");
   EXPECT_EQ (Read ("\\boot\\empty"), "");
   EXPECT_EQ (Read ("\\boot\\nul"), "ab");
   EXPECT_EQ (Read ("boot\\state"), "BCD:c:\\boot\\x\r\n");
@@ -103,15 +101,6 @@ TEST_F (FileAccessTest, DeleteFileVerifiedProvesTheFileIsGone) {
   boot.Put ("\\full\\x", "1");
   EXPECT_EQ (DeleteFileVerified (boot.Handle (), root, W (u"\\full")), EFI_DEVICE_ERROR);
   EXPECT_TRUE (boot.Exists ("\\full\\x"));
-}
-
-TEST (TextWalkers, NextLineSkipsRunsOfLineEnds) {
-  const std::string text = "a\r\n\r\nb", lf = "x\ny\rz";
-  EXPECT_EQ (NextLine (A (text)), A (text) + 5);
-  EXPECT_EQ (NextLine (A ("a\r\n")), nullptr);
-  EXPECT_EQ (NextLine (A ("")), nullptr);
-  EXPECT_EQ (NextLine (nullptr), nullptr);
-  EXPECT_EQ (NextLine (NextLine (A (lf))), A (lf) + 4);
 }
 
 TEST (TextWalkers, TrimAndWiden) {

@@ -61,6 +61,10 @@ inline bool IsSideName (const std::string &path) {
   return false;
 }
 
+inline bool Holds (const VolumeSnapshot &snapshot, const std::string &path, const std::string &bytes) {
+  return snapshot.count (path) != 0 && snapshot.at (path) == bytes;
+}
+
 inline bool IsBackupPath (const std::string &path) { return path.find ("\\boot\\backup\\") != std::string::npos; }
 
 // The entries of a tree rooted at folder, by their path below it.
@@ -70,9 +74,7 @@ inline VolumeSnapshot Tree (const VolumeSnapshot &snapshot, const std::string &f
   if (it == snapshot.end () || it->second != "<dir>") return tree;
   tree[""] = "<dir>";
   // Entries below the folder sort together, but after siblings such as "<folder>.bak".
-  for (it = snapshot.lower_bound (folder + "\\"); it != snapshot.end () && it->first.rfind (folder + "\\", 0) == 0; ++it) {
-    tree[it->first.substr (folder.size ())] = it->second;
-  }
+  for (it = snapshot.lower_bound (folder + "\\"); it != snapshot.end () && it->first.rfind (folder + "\\", 0) == 0; ++it) tree[it->first.substr (folder.size ())] = it->second;
   return tree;
 }
 
@@ -103,21 +105,13 @@ inline void ExpectNoGroupDataLost (const VolumeSnapshot &beforeAsStored, const f
     // is the active one, when it carries the group's identity (its digest file, or else
     // its backup's bytes).
     const auto  backup = before.find ("\\boot\\backup\\" + bcd), digest = before.find ("\\boot\\backup\\" + bcd + ".md5");
-    const auto  isOwn  = [&](const std::string &bytes) {
-      if (digest != before.end ()) return digest->second.rfind (Md5Hex (bytes), 0) == 0;
-      return backup == before.end () || backup->second == bytes;
+    const auto  isOwn  = [&](const std::string &path) {
+      if (before.count (path) == 0) return false;
+      return digest != before.end () ? digest->second.rfind (Md5Hex (before.at (path)), 0) == 0 : backup == before.end () || backup->second == before.at (path);
     };
-    std::string storeBytes;
-    if (before.count (store) != 0 && isOwn (before.at (store))) {
-      storeBytes = before.at (store);
-    } else if (HasMarkerOf (before, "\\sources", g) && before.count ("\\boot\\bcd") != 0 && isOwn (before.at ("\\boot\\bcd"))) {
-      storeBytes = before.at ("\\boot\\bcd");
-    }
-    if (!storeBytes.empty ()) {
-      const bool kept = (after.count (store) != 0 && after.at (store) == storeBytes) ||
-                        (after.count ("\\boot\\bcd") != 0 && after.at ("\\boot\\bcd") == storeBytes);
-      EXPECT_TRUE (kept) << "the BCD store of " << g.bcd << " is under neither " << store << " nor \\boot\\BCD";
-    }
+    const std::string storeBytes = isOwn (store) ? before.at (store) : HasMarkerOf (before, "\\sources", g) && isOwn ("\\boot\\bcd") ? before.at ("\\boot\\bcd") : "";
+    EXPECT_TRUE (storeBytes.empty () || Holds (after, store, storeBytes) || Holds (after, "\\boot\\bcd", storeBytes))
+      << "the BCD store of " << g.bcd << " is under neither " << store << " nor \\boot\\BCD";
 
     // The folders, whole, under either name; a tree that was under neither is not asked for.
     for (const auto &[own, active] : { std::pair{ src, std::string ("\\sources") }, std::pair{ efi, std::string ("\\efi\\microsoft") } }) {
@@ -129,14 +123,12 @@ inline void ExpectNoGroupDataLost (const VolumeSnapshot &beforeAsStored, const f
 
     for (const std::string &kept : { "\\boot\\backup\\" + bcd, "\\boot\\backup\\" + bcd + ".md5", "\\efi\\microsoft\\boot\\backup\\" + bcd,
                                      "\\efi\\microsoft\\boot\\backup\\" + bcd + ".md5", efi + "\\boot\\backup\\" + bcd }) {
-      EXPECT_TRUE (before.count (kept) == 0 || (after.count (kept) != 0 && after.at (kept) == before.at (kept))) << kept << " changed or moved";
+      EXPECT_TRUE (before.count (kept) == 0 || Holds (after, kept, before.at (kept))) << kept << " changed or moved";
     }
   }
 
   std::map<std::string, int> copies;
-  for (const auto &[path, bytes] : before) {
-    if (bytes != "<dir>" && !IsFreeToChange (path)) copies[bytes]++;
-  }
+  for (const auto &[path, bytes] : before) if (bytes != "<dir>" && !IsFreeToChange (path)) copies[bytes]++;
   for (const auto &[path, bytes] : after) {
     if (bytes == "<dir>" || bytes.empty () || before.count (path) != 0 || IsFreeToChange (path) || copies.count (bytes) == 0) continue;
     const bool named = IsSideName (path) || IsBackupPath (path) ||
@@ -162,14 +154,9 @@ inline std::string Record (const GroupNames &g) { return "ID|" + g.id + "\r\nSRC
 inline void PutGroup (fake::Volume &v, const GroupNames &g, bool active) {
   const std::string store = active ? "\\boot\\BCD" : "\\boot\\" + g.bcd, src = active ? "\\sources" : "\\" + g.src;
   const std::string efi   = active ? "\\efi\\microsoft" : "\\efi\\" + g.efi;
-  v.Put (store, StoreOf (g));
-  v.Put ("\\boot\\backup\\" + g.bcd, StoreOf (g));
-  v.Put ("\\boot\\backup\\" + g.bcd + ".md5", Md5Hex (StoreOf (g)) + "\r\n");
-  v.Put (src + "\\" + g.id + ".txt", "");
-  v.Put (src + "\\recovery.txt", Record (g));
-  v.Put (src + "\\install.wim", "image of " + g.id);
-  v.Put (efi + "\\" + g.id + ".txt", "");
-  v.Put (efi + "\\boot\\bootmgfw.efi", "boot manager of " + g.id);
+  v.Put (store, StoreOf (g)), v.Put ("\\boot\\backup\\" + g.bcd, StoreOf (g)), v.Put ("\\boot\\backup\\" + g.bcd + ".md5", Md5Hex (StoreOf (g)) + "\r\n");
+  v.Put (src + "\\" + g.id + ".txt", ""), v.Put (src + "\\recovery.txt", Record (g)), v.Put (src + "\\install.wim", "image of " + g.id);
+  v.Put (efi + "\\" + g.id + ".txt", ""), v.Put (efi + "\\boot\\bootmgfw.efi", "boot manager of " + g.id);
 }
 
 // A stick: the boot volume (FAT32, partition 1) and a sibling NTFS partition 2, both

@@ -190,27 +190,22 @@ TEST_F (InstallMetadataTest, FsTxtTakesTheFirstLineForTheUuid) {
 
 TEST_F (InstallMetadataTest, AppliedSourceReplacesTheRequestedFilesystem) {
   ACTIVATION_CONTEXT context = {};
-  const std::string  applied = "] Metadata SOURCE FS applicato da ";
-
-  ApplySourceMetadata (&context, W (u""), W (u"1234-5678"), W (u"FS.txt"));
-  EXPECT_FALSE (context.SourceMetadataApplied);
-  EXPECT_EQ (Str (context.Requested.SrcPart), "");
-  EXPECT_FALSE (PrintedAnyMetadata ());
-
-  ApplySourceMetadata (&context, W (u"NTFS"), W (u""), nullptr);
-  EXPECT_TRUE (context.SourceMetadataApplied);
-  EXPECT_EQ (Str (context.Requested.SrcFs), "NTFS");
-  EXPECT_TRUE (Has (Console (), applied + "(sconosciuto): SRC_FS=NTFS SRC_PART=(assente)\r\n"));
-
-  ApplySourceMetadata (&context, W (u"exFAT"), W (u"1234-5678"), W (u"software.xml"));
-  EXPECT_EQ (Str (context.Requested.SrcFs), "exFAT");
-  EXPECT_EQ (Str (context.Requested.SrcPart), "1234-5678");
-  EXPECT_TRUE (Has (Console (), applied + "software.xml: SRC_FS=exFAT SRC_PART=1234-5678\r\n"));
-
-  // Without a UUID the partition already requested stands.
-  ApplySourceMetadata (&context, W (u"NTFS"), nullptr, W (u"FS.txt"));
-  EXPECT_EQ (Str (context.Requested.SrcPart), "1234-5678");
-  EXPECT_TRUE (Has (Console (), applied + "FS.txt: SRC_FS=NTFS SRC_PART=1234-5678\r\n"));
+  // In turn on one context; line: empty when nothing may be printed. Without a UUID the
+  // partition already requested stands.
+  const struct { const char16_t *fs, *uuid, *from; bool applied; std::string srcFs, part, line; } rows[] = {
+    { u"", u"1234-5678", u"FS.txt", false, "", "", "" },
+    { u"NTFS", u"", nullptr, true, "NTFS", "", "(sconosciuto): SRC_FS=NTFS SRC_PART=(assente)" },
+    { u"exFAT", u"1234-5678", u"software.xml", true, "exFAT", "1234-5678", "software.xml: SRC_FS=exFAT SRC_PART=1234-5678" },
+    { u"NTFS", nullptr, u"FS.txt", true, "NTFS", "1234-5678", "FS.txt: SRC_FS=NTFS SRC_PART=1234-5678" },
+  };
+  for (const auto &row : rows) {
+    fw.console.clear ();
+    ApplySourceMetadata (&context, W (row.fs), W (row.uuid), W (row.from));
+    EXPECT_EQ (context.SourceMetadataApplied != FALSE, row.applied);
+    EXPECT_EQ (Str (context.Requested.SrcFs) + " " + Str (context.Requested.SrcPart), row.srcFs + " " + row.part);
+    if (row.line.empty ()) EXPECT_FALSE (PrintedAnyMetadata ());
+    else EXPECT_TRUE (Has (Console (), "] Metadata SOURCE FS applicato da " + row.line + "\r\n"));
+  }
 }
 
 TEST_F (InstallMetadataTest, StateDumpAndVolumeDescription) {

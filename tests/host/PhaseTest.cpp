@@ -134,8 +134,7 @@ TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
     { "record of another partition", [](fake::Volume &v) { v.Put ("\\sources\\recovery.txt", Record (kGroups[0]) + "SRC_PART|1234-abcd\r\n"); },
       EFI_SUCCESS, { { "\\boot\\BCD", "store of s-win-a" }, { "\\boot\\bcd_a", "-" } }, "recovery BCD: BCD=(unknown) SKIP (not active)" },
     { "record without a digest, group store already under its name", [](fake::Volume &v) {
-        v.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n");
-        v.Put ("\\boot\\bcd_a", "store of s-win-a");
+        v.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n"), v.Put ("\\boot\\bcd_a", "store of s-win-a");
       }, EFI_SUCCESS, { { "\\grp_a\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\nSRC_PART|" + uuid + "\r\nSRC_FS|FAT32\r\nBCD_MD5|" + Md5Hex ("store of s-win-a") + "\r\n" } },
       "recovery BCD: BCD=bcd_a OK" },
     { "no digest anywhere", [](fake::Volume &v) { v.Put ("\\sources\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a\r\n"); v.Remove ("\\boot\\backup\\bcd_a.md5"); },

@@ -13,9 +13,7 @@ class RecordTest : public StickTest {
 
   void SetUp () override {
     StickTest::SetUp ();
-    boot.Put ("\\boot\\bcd_a", store);
-    boot.Put ("\\grp_a\\s-win-a.txt", "");
-    boot.Put ("\\grp_a\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a");
+    boot.Put ("\\boot\\bcd_a", store), boot.Put ("\\grp_a\\s-win-a.txt", ""), boot.Put ("\\grp_a\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a");
   }
 
   EFI_STATUS Validate (fake::Volume &volume, EFI_FILE_PROTOCOL *volumeRoot) {
@@ -88,8 +86,7 @@ TEST_F (RecordTest, ValidationAnswers) {
   };
 
   for (const auto &row : rows) {
-    boot.Remove ("\\grp_a\\recovery.txt");
-    boot.Remove ("\\grp_a\\s-win-a.txt");
+    boot.Remove ("\\grp_a\\recovery.txt"), boot.Remove ("\\grp_a\\s-win-a.txt");
     if (row.record != "-") boot.Put ("\\grp_a\\recovery.txt", row.record);
     if (row.marker) boot.Put ("\\grp_a\\s-win-a.txt", "");
     fw.console.clear ();
@@ -100,8 +97,7 @@ TEST_F (RecordTest, ValidationAnswers) {
 }
 
 TEST_F (RecordTest, RecordWithoutPartitionBelongsOnlyToTheBootVolume) {
-  ntfs.Put ("\\grp_a\\s-win-a.txt", "");
-  ntfs.Put ("\\grp_a\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a");
+  ntfs.Put ("\\grp_a\\s-win-a.txt", ""), ntfs.Put ("\\grp_a\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a");
   EXPECT_EQ (Validate (ntfs, ntfsRoot), EFI_NOT_FOUND);
   EXPECT_EQ (ntfs.Get ("\\grp_a\\recovery.txt"), "ID|s-win-a\r\nSRC|grp_a");
 
@@ -156,15 +152,12 @@ TEST_F (RecordTest, RefreshAddsPartitionAndFilesystemToTheActiveRecord) {
 }
 
 TEST_F (RecordTest, FolderOwnerIsTheFirstMarkerThatResolves) {
-  boot.Put ("\\sources\\readme.txt", "notes");
-  boot.Put ("\\sources\\s-win-b.txt", "");
-  boot.Put ("\\sources\\s-win-a.txt", "");
+  boot.Put ("\\sources\\readme.txt", "notes"), boot.Put ("\\sources\\s-win-b.txt", ""), boot.Put ("\\sources\\s-win-a.txt", "");
   EXPECT_EQ (Owner (u"\\sources"), EFI_SUCCESS);
   EXPECT_EQ (Str (id), "s-win-b");
   EXPECT_EQ (Str (owner.Src), "grp_b");
 
-  boot.Mkdir ("\\efi\\microsoft\\s-win-a.txt");
-  boot.Put ("\\efi\\microsoft\\s-win-b.TXT", "");
+  boot.Mkdir ("\\efi\\microsoft\\s-win-a.txt"), boot.Put ("\\efi\\microsoft\\s-win-b.TXT", "");
   boot.Put ("\\efi\\microsoft\\" + std::string (128, 'x') + ".txt", "");
   EXPECT_EQ (Owner (u"\\efi\\microsoft"), EFI_NOT_FOUND);
   EXPECT_EQ (Owner (u"\\nowhere"), EFI_NOT_FOUND);

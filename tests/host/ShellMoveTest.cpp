@@ -27,9 +27,7 @@ class ShellMoveTest : public HostTest {
     std::copy (serial, serial + 4, sector.begin () + 0x43);
     fw.AddBlockIo (sibling.Handle (), sector);
     fw.SetDevicePath (sibling.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 2, 0x5EED));
-    boot.Put ("\\efi\\efi_b\\s-win-a.txt", "");
-    sibling.Put ("\\" + uuid + ".uuid", "");
-    sibling.Put ("\\efi\\efi_b\\s-win-b.txt", "");
+    boot.Put ("\\efi\\efi_b\\s-win-a.txt", ""), sibling.Put ("\\" + uuid + ".uuid", ""), sibling.Put ("\\efi\\efi_b\\s-win-b.txt", "");
     sibling.Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of s-win-b");
     OpenBoot (true);
     ASSERT_EQ (OpenRoot (sibling.Handle (), &siblingRoot), EFI_SUCCESS);
@@ -190,8 +188,7 @@ TEST (ShellMoveSweep, AnySingleFailureLosesNothing) {
       fw.StartFrom (boot);
       fw.SetDevicePath (boot.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 1, 0x5EED));
       fw.SetDevicePath (sibling->Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 2, 0x5EED));
-      boot.Put ("\\efi\\efi_b\\notes.txt", "not group b's");
-      sibling->Put ("\\1234-abcd.uuid", ""), sibling->Put ("\\efi\\efi_b\\s-win-b.txt", "");
+      boot.Put ("\\efi\\efi_b\\notes.txt", "not group b's"), sibling->Put ("\\1234-abcd.uuid", ""), sibling->Put ("\\efi\\efi_b\\s-win-b.txt", "");
       sibling->Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of s-win-b");
       fw.shell.UseShellProtocol (true), fw.shell.UseEnvironment2 (true);
       EXPECT_EQ (OpenRoot (sibling->Handle (), &root), EFI_SUCCESS);

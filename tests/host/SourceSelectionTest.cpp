@@ -16,13 +16,10 @@ const std::string             kMarker = "5eed-0001.uuid";   // a marker of no vo
 enum class Path { Mbr, Gpt, NoHd };
 enum class DriverAt { Nowhere, Boot, OtherUsb };
 
-struct Sibling {
-  Fs   fs      = Fs::Fat32;   // NTFS and exFAT siblings wait for their driver
-  bool marker  = false;       // carries kMarker
-  bool active  = false;       // the requested group is active on it
-  int  disk    = 1;           // USB port of its disk; the boot volume's is 1
-  bool mounted = false;       // an NTFS or exFAT sibling the firmware mounted already
-};
+// A partition beside the boot volume. NTFS and exFAT ones wait for their driver unless
+// mounted (by the firmware already); marker: it carries kMarker; active: the requested
+// group is active on it; disk: the USB port of its disk (the boot volume's is 1).
+struct Sibling { Fs fs = Fs::Fat32; bool marker = false, active = false; int disk = 1; bool mounted = false; };
 
 struct Layout {
   const char               *name;
@@ -32,10 +29,10 @@ struct Layout {
   DriverAt                 driverAt;
   fake::DriverImage        driver;
   std::vector<fake::Fault> faults;
-  bool                     bootMarker;    // the boot volume carries kMarker too
-  int                      chosen;        // 0: the boot volume, n: sibling n; -1: none
+  bool                     bootMarker;   // the boot volume carries kMarker too
+  int                      chosen;       // 0: the boot volume, n: sibling n; -1: none
   EFI_STATUS               status;
-  uint64_t                 waitedMs;
+  uint64_t                 waitedMs;     // simulated time spent waiting
   std::vector<std::string> lines;
   std::string              currentFs = "";   // the file system the state file gives the active group
 };

@@ -117,12 +117,8 @@ void Build (fake::Firmware &fw, Stick &s) {
   EXPECT_EQ (OpenRoot (s.source->Handle (), &s.root), EFI_SUCCESS);
 
   ACTIVATION_CONTEXT &c = s.context;
-  c.BootHandle   = s.boot->Handle ();
-  c.BootRoot     = s.bootRoot;
-  c.SourceHandle = s.source->Handle ();
-  c.SourceRoot   = s.root;
-  c.EntriesText  = reinterpret_cast<CHAR8 *>(s.entries.data ());
-  c.ImageHandle  = fw.image;
+  c.BootHandle = s.boot->Handle (), c.BootRoot = s.bootRoot, c.SourceHandle = s.source->Handle (), c.SourceRoot = s.root;
+  c.EntriesText = reinterpret_cast<CHAR8 *>(s.entries.data ()), c.ImageHandle = fw.image;
   SetField (c.GroupId, "s-win-a");
   std::strcpy (reinterpret_cast<char *>(c.GroupIdAscii), "s-win-a");
   c.Requested = State ("bcd_a", "grp_a", "efi_a", s.External () ? s.uuid : "", s.External () ? NamesOf (s.kind).fs : "");
