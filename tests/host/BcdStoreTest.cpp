@@ -38,8 +38,7 @@ TEST_F (BcdTest, WithoutAnyDigestAnExistingStoreIsTrusted) {
   EXPECT_EQ (Active (), EFI_SUCCESS);
   boot.Remove ("\\boot\\BCD");
   EXPECT_EQ (Active (), EFI_NOT_FOUND);
-  boot.Put ("\\boot\\BCD", kStray);
-  fw.faults.Set ({ Op::Open, EFI_DEVICE_ERROR, 1, "\\boot\\BCD" });
+  boot.Put ("\\boot\\BCD", kStray), fw.faults.Set ({ Op::Open, EFI_DEVICE_ERROR, 1, "\\boot\\BCD" });
   EXPECT_EQ (Active (), EFI_DEVICE_ERROR) << "a store that does not open is not an absent one";
   fw.faults.Reset ();
 }
@@ -136,8 +135,7 @@ TEST_F (BcdTest, StrayStoreGoesToItsOwnersName) {
 
   // Install metadata that cannot be read is reported and the other sources decide.
   boot.Put ("\\boot\\BCD", kStoreB), boot.Remove ("\\boot\\bcd_b"), boot.Put ("\\ZENTO\\software.xml", "<software>");
-  fw.faults.Set ({ Op::Read, EFI_VOLUME_CORRUPTED, 1, "software.xml" });
-  fw.console.clear ();
+  fw.faults.Set ({ Op::Read, EFI_VOLUME_CORRUPTED, 1, "software.xml" }), fw.console.clear ();
   EXPECT_EQ (Normalize (), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\bcd_b"), kStoreB);
   EXPECT_TRUE (Has (Console (), "] WARN: software.xml non usabile per identificare BCD \\boot\\BCD: Volume Corrupt (0x800000000000000A)\r\n"));
@@ -160,9 +158,7 @@ TEST_F (BcdTest, FaultsAreReportedAndMoveNothing) {
   ExpectNoGroupDataLost (before, boot, groups);
 
   // Without a digest there is nothing to repair towards.
-  boot.Remove ("\\boot\\backup\\bcd_a.md5");
-  SetField (context.Requested.BcdMd5, "");
-  fw.faults.Reset ();
+  boot.Remove ("\\boot\\backup\\bcd_a.md5"), SetField (context.Requested.BcdMd5, ""), fw.faults.Reset ();
   EXPECT_EQ (RepairActiveBcd (&context, boot.Handle (), root), EFI_NOT_FOUND);
   EXPECT_EQ (boot.Get ("\\boot\\BCD"), kStray);
 }
@@ -182,9 +178,7 @@ TEST_F (BcdTest, StoreClaimedByTwoDigestFilesIsNamedByNeither) {
   EXPECT_EQ (Normalize (), EFI_SUCCESS);
   EXPECT_EQ (boot.Get ("\\boot\\BCD.bak"), kStoreB);
 
-  boot.Put ("\\boot\\BCD", kStoreB);
-  fw.faults.Fail (Op::Read, EFI_DEVICE_ERROR, 1, "\\boot\\BCD");
-  fw.console.clear ();
+  boot.Put ("\\boot\\BCD", kStoreB), fw.faults.Fail (Op::Read, EFI_DEVICE_ERROR, 1, "\\boot\\BCD"), fw.console.clear ();
   EXPECT_EQ (Normalize (), EFI_DEVICE_ERROR);
   EXPECT_EQ (boot.Get ("\\boot\\BCD"), kStoreB);
   EXPECT_TRUE (Has (Console (), "] BCD \\boot\\BCD: calcolo MD5 fallito, nessuna modifica: Device Error (0x8000000000000007)\r\n"));
@@ -199,8 +193,7 @@ class EfiBcdTest : public BcdTest {
     Request ("s-win-b", "bcd_b", "grp_b", "efi_b");
     SetField (context.Requested.SrcFs, "NTFS");
     context.Current = State ("bcd_a", "", "efi_a");
-    SetField (context.Current.BcdEfiMd5, Md5Hex (kEfiA));
-    ntfs.Put (kEfiBoot + "backup\\bcd_b.md5", Md5Hex (kEfiB));
+    SetField (context.Current.BcdEfiMd5, Md5Hex (kEfiA)), ntfs.Put (kEfiBoot + "backup\\bcd_b.md5", Md5Hex (kEfiB));
   }
 
   EFI_STATUS Prepare () { return PrepareEfiBcd (&context, ntfs.Handle (), ntfsRoot, &context.Requested, ACTIVE_EFI_BCD_PATH); }

@@ -23,8 +23,7 @@ TEST_F (FileAccessTest, ReadWholeFileTerminatesAfterBytesRead) {
   EXPECT_EQ (Read ("boot\\state"), "BCD:c:\\boot\\x\r\n");
 
   // A driver that delivers fewer bytes than the size it reported.
-  boot.Put ("\\short", "0123456789");
-  fw.faults.Add ({ Op::Read, 0, 1, "", Effect::Short });
+  boot.Put ("\\short", "0123456789"), fw.faults.Add ({ Op::Read, 0, 1, "", Effect::Short });
   CHAR8 *text = nullptr;
   ASSERT_EQ (ReadWholeFile (root, W (u"\\short"), &text), EFI_SUCCESS);
   EXPECT_EQ (std::memcmp (text, "01234\0\0\0\0\0\0", 11), 0);
@@ -32,12 +31,10 @@ TEST_F (FileAccessTest, ReadWholeFileTerminatesAfterBytesRead) {
 }
 
 TEST_F (FileAccessTest, ReadWholeFileFailuresLeaveNothingBehind) {
-  const fake::Fault rows[] = {
-    { Op::Open, EFI_NOT_FOUND, 1 }, { Op::GetInfo, EFI_DEVICE_ERROR, 1 },
-    { Op::GetInfo, EFI_DEVICE_ERROR, 2 },   // the retry at the reported size
-    { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 1 }, { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 2 },
-    { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 3 }, { Op::Read, EFI_VOLUME_CORRUPTED, 1 },
-  };
+  // The second GetInfo is the retry at the reported size.
+  const fake::Fault rows[] = { { Op::Open, EFI_NOT_FOUND, 1 }, { Op::GetInfo, EFI_DEVICE_ERROR, 1 }, { Op::GetInfo, EFI_DEVICE_ERROR, 2 },
+                               { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 1 }, { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 2 },
+                               { Op::AllocatePool, EFI_OUT_OF_RESOURCES, 3 }, { Op::Read, EFI_VOLUME_CORRUPTED, 1 } };
   // Information that does not fit the first 592 bytes, as NTFS answers for a name longer
   // than FAT's 255 characters: the driver's answer comes from a fault.
   const std::string longName = "\\" + std::string (255, 'n');
@@ -58,8 +55,7 @@ TEST_F (FileAccessTest, ReadWholeFileFailuresLeaveNothingBehind) {
 TEST_F (FileAccessTest, ReadWholeFileLogsOnlyAFailedOpen) {
   ASSERT_EQ (InitLog (fw.image), EFI_SUCCESS);
   Read ("\\boot\\VELMARO.COM", EFI_NOT_FOUND);
-  boot.Put ("\\x", "1");
-  fw.faults.Fail (Op::Read, EFI_DEVICE_ERROR, 1);
+  boot.Put ("\\x", "1"), fw.faults.Fail (Op::Read, EFI_DEVICE_ERROR, 1);
   Read ("\\x", EFI_DEVICE_ERROR);
   const std::string log = Log ();
   EXPECT_TRUE (Has (log, "] Read file failed \\boot\\VELMARO.COM: Not Found (0x800000000000000E)\r\n"));
@@ -90,8 +86,7 @@ TEST_F (FileAccessTest, DeleteFileVerifiedProvesTheFileIsGone) {
   };
 
   for (const auto &row : rows) {
-    boot.Put ("\\boot\\BCD_BAK", "old");
-    fw.faults.Set (row.fault);
+    boot.Put ("\\boot\\BCD_BAK", "old"), fw.faults.Set (row.fault);
     EXPECT_EQ (DeleteFileVerified (boot.Handle (), root, W (u"\\boot\\BCD_BAK")), row.result) << row.name;
     EXPECT_EQ (boot.Exists ("\\boot\\BCD_BAK"), row.stillThere) << row.name;
     EXPECT_EQ (fw.OpenHandles (), 1) << row.name;

@@ -137,8 +137,7 @@ TEST_F (FsIdentificationTest, ArgumentsAreCheckedBeforeTheFirmwareIsAsked) {
   for (const auto &row : rows) {
     const Entry &entry  = kEntries[row.entry];
     EFI_HANDLE  handle  = Partition (row.kind).handle;
-    fw.faults.Reset ();
-    Scribble ();
+    fw.faults.Reset (), Scribble ();
     EXPECT_EQ (entry.call (handle, out, row.smallest - 1), EFI_INVALID_PARAMETER) << entry.name;
     EXPECT_EQ (out[0], 0) << entry.name;
     EXPECT_EQ (entry.call (handle, nullptr, UUID_TEXT_CHARS), EFI_INVALID_PARAMETER) << entry.name;
@@ -196,9 +195,7 @@ TEST_F (FsIdentificationTest, VolumeUuidTriesFatThenExfatThenNtfs) {
   for (const auto &row : rows) {
     fake::BlockDevice &disk = Partition (row.kind);
     if (row.corrupt) disk.bytes[3] = 'X';
-    fw.faults.Set ({ row.failingRead != 0 ? Op::ReadBlocks : Op::None, EFI_DEVICE_ERROR, row.failingRead });
-    fw.console.clear ();
-    Scribble ();
+    fw.faults.Set ({ row.failingRead != 0 ? Op::ReadBlocks : Op::None, EFI_DEVICE_ERROR, row.failingRead }), fw.console.clear (), Scribble ();
     EXPECT_EQ (ReadVolumeUuid (disk.handle, out, UUID_TEXT_CHARS), row.status) << row.kind << row.failingRead;
     EXPECT_EQ (Str (out), row.uuid);
     EXPECT_EQ (disk.reads.size (), row.reads);
@@ -313,8 +310,7 @@ TEST_F (FsIdentificationTest, DriverFollowsTheStatesFilesystems) {
   }
 
   for (const GROUP_STATE *state : { (const GROUP_STATE *)nullptr, &none, &fat, &lowerFat }) EXPECT_FALSE (IsExternalSourceFs (state));
-  EXPECT_TRUE (IsExternalSourceFs (&ntfs));
-  EXPECT_TRUE (IsExternalSourceFs (&exfat));
+  EXPECT_TRUE (IsExternalSourceFs (&ntfs) && IsExternalSourceFs (&exfat));
 }
 
 }  // namespace

@@ -176,9 +176,7 @@ class StickTest : public HostTest {
     fw.SetDevicePath (ntfs.Handle (), fake::WithMbrPartition (fake::UsbDiskPath (1), 2, 0x5EED));
     OpenBoot (true);
     ASSERT_EQ (OpenRoot (ntfs.Handle (), &ntfsRoot), EFI_SUCCESS);
-    context.BootHandle  = boot.Handle ();
-    context.BootRoot    = root;
-    context.EntriesText = reinterpret_cast<CHAR8 *>(entries.data ());
+    context.BootHandle = boot.Handle (), context.BootRoot = root, context.EntriesText = reinterpret_cast<CHAR8 *>(entries.data ());
     Request ("s-win-a", "bcd_a", "grp_a", "efi_a");
   }
 

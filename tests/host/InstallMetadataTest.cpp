@@ -63,9 +63,7 @@ TEST_F (InstallMetadataTest, SourceMetadataNeedsTheGroupsOwnSecondPartitionWindo
   };
 
   for (const auto &row : rows) {
-    SetField (fs, "x"), SetField (uuid, "x");
-    fw.console.clear ();
-    boot.Put (XML, row.xml);
+    SetField (fs, "x"), SetField (uuid, "x"), fw.console.clear (), boot.Put (XML, row.xml);
     EXPECT_EQ (Source (), row.status) << row.name;
     EXPECT_EQ (Str (fs), row.fs) << row.name;
     EXPECT_EQ (Str (uuid), row.uuid) << row.name;
@@ -91,8 +89,7 @@ TEST_F (InstallMetadataTest, UnreadableOrBrokenFilesFailEveryLookupWithTheirStat
   for (const auto &row : rows) {
     boot.Remove (XML);
     if (!row.xml.empty ()) boot.Put (XML, row.xml);
-    fw.faults.Set (row.fault);
-    SetField (name, "x");
+    fw.faults.Set (row.fault), SetField (name, "x");
     EXPECT_EQ (Source (), row.status) << row.name;
     if (!row.message.empty ()) EXPECT_TRUE (Has (Console (), row.message)) << row.name;
     EXPECT_EQ (Names (), row.status) << row.name;
@@ -157,8 +154,7 @@ TEST_F (InstallMetadataTest, BcdNameByDigestMustBeUnambiguous) {
   };
 
   for (const auto &row : rows) {
-    SetField (name, "x");
-    boot.Put (XML, row.xml);
+    SetField (name, "x"), boot.Put (XML, row.xml);
     EXPECT_EQ (BcdName (row.digest), row.status) << row.name;
     EXPECT_EQ (Str (name), row.bcd) << row.name;
   }
@@ -175,9 +171,7 @@ TEST_F (InstallMetadataTest, FsTxtTakesTheFirstLineForTheUuid) {
   };
 
   for (const auto &row : rows) {
-    SetField (fs, "x");
-    fw.console.clear ();
-    boot.Put ("\\ZENTO\\FS.txt", row.text);
+    SetField (fs, "x"), fw.console.clear (), boot.Put ("\\ZENTO\\FS.txt", row.text);
     EXPECT_EQ (LookupFsTxt (root, W (row.uuid), fs), row.status) << row.text;
     EXPECT_EQ (Str (fs), row.fs) << row.text;
     if (row.status == EFI_SUCCESS) {
@@ -215,8 +209,7 @@ TEST_F (InstallMetadataTest, StateDumpAndVolumeDescription) {
 
   fake::Volume &other = fw.AddVolume ();
   // Neither handle offers Block I/O: no type and no UUID can be read from them.
-  fw.Uninstall (boot.Handle (), gEfiBlockIoProtocolGuid);
-  fw.Uninstall (other.Handle (), gEfiBlockIoProtocolGuid);
+  fw.Uninstall (boot.Handle (), gEfiBlockIoProtocolGuid), fw.Uninstall (other.Handle (), gEfiBlockIoProtocolGuid);
   DescribeVolume (W (u"Boot"), boot.Handle (), boot.Handle ());
   EXPECT_TRUE (Has (Console (), "] Boot = FAT32 / partition 1 / UUID=(not available)\r\n"));
   DescribeVolume (W (u"Altro"), boot.Handle (), other.Handle ());

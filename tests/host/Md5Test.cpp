@@ -78,8 +78,7 @@ TEST_F (Md5Test, AgreesWithMd5sumAroundBlockAndChunkEdges) {
   for (const std::string &bytes : inputs) {
     const std::string expected = SystemMd5 (bytes);
     ASSERT_EQ (expected.size (), 32u) << "no digest from md5sum (coreutils) for " << bytes.size () << " bytes";
-    boot.Put ("\\boot\\data.bin", bytes);
-    fw.faults.Reset ();
+    boot.Put ("\\boot\\data.bin", bytes), fw.faults.Reset ();
     EXPECT_EQ (OfFile (u"\\boot\\data.bin"), Result (EFI_SUCCESS, expected)) << bytes.size ();
     EXPECT_EQ (DigestInPieces (bytes), expected) << bytes.size ();
     // Whole chunks, the remainder, then the empty read that ends the file.
@@ -90,11 +89,9 @@ TEST_F (Md5Test, AgreesWithMd5sumAroundBlockAndChunkEdges) {
 }
 
 TEST_F (Md5Test, Md5OfFileFailuresLeaveOutputUntouched) {
-  const fake::Fault rows[] = {
-    { Op::Open, EFI_ACCESS_DENIED, 1, "data.bin" }, { Op::Read, EFI_DEVICE_ERROR, 1, "data.bin" },
-    { Op::Read, EFI_VOLUME_CORRUPTED, 3, "data.bin" },
-    { Op::Read, EFI_DEVICE_ERROR, 4, "data.bin" },   // the empty read at the end
-  };
+  // The fourth read is the empty one at the end.
+  const fake::Fault rows[] = { { Op::Open, EFI_ACCESS_DENIED, 1, "data.bin" }, { Op::Read, EFI_DEVICE_ERROR, 1, "data.bin" },
+                               { Op::Read, EFI_VOLUME_CORRUPTED, 3, "data.bin" }, { Op::Read, EFI_DEVICE_ERROR, 4, "data.bin" } };
 
   boot.Put ("\\boot\\data.bin", PseudoRandom (2 * MD5_READ_CHUNK + 1));
   for (const auto &row : rows) {

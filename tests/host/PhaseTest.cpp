@@ -35,11 +35,8 @@ class PhaseTest : public HostTest {
     uuid = Lower (fake::BlkidUuid ("fat32"));
     for (const GroupNames &g : kGroups) PutGroup (boot, g, &g == &kGroups[0]);
     OpenBoot (true);
-    context.BootHandle  = boot.Handle ();
-    context.BootRoot    = root;
-    context.EntriesText = reinterpret_cast<CHAR8 *>(entries.data ());
-    context.ImageHandle = fw.image;
-    context.Current     = State ("bcd_a", "grp_a", "efi_a", uuid, "FAT32");
+    context.BootHandle = boot.Handle (), context.BootRoot = root, context.EntriesText = reinterpret_cast<CHAR8 *>(entries.data ());
+    context.ImageHandle = fw.image, context.Current = State ("bcd_a", "grp_a", "efi_a", uuid, "FAT32");
   }
 
   EFI_STATUS Recover () { return RunRecoveryPhase (&context, context.EntriesText); }
@@ -162,8 +159,7 @@ TEST_F (PhaseTest, RecoveryRestoresOnlyWhatItCanAttribute) {
 }
 
 TEST_F (PhaseTest, EfiStoreDigestOfTheStateFileSurvivesARecordWithoutOne) {
-  SetField (context.Current.SrcFs, "NTFS");
-  SetField (context.Current.BcdEfiMd5, Md5Hex ("EFI store of a"));
+  SetField (context.Current.SrcFs, "NTFS"), SetField (context.Current.BcdEfiMd5, Md5Hex ("EFI store of a"));
   RecoverActiveGroup (&context, boot.Handle (), root, context.EntriesText);
   EXPECT_EQ (Str (context.Current.BcdEfiMd5), Md5Hex ("EFI store of a"));
 }

@@ -57,8 +57,7 @@ TEST_F (RecordTest, ValidationCompletesTheRecordOnceAndTakesItsDigest) {
   ExpectNoGroupDataLost (before, boot, groups);
 
   // A complete record is not written again: writing it would fail here and warn.
-  fw.faults.Fail (Op::Write, EFI_WRITE_PROTECTED, 0, "recovery");
-  fw.console.clear ();
+  fw.faults.Fail (Op::Write, EFI_WRITE_PROTECTED, 0, "recovery"), fw.console.clear ();
   EXPECT_EQ (Validate (boot, root), EFI_SUCCESS);
   EXPECT_FALSE (Has (Console (), "WARN"));
 }
@@ -126,8 +125,7 @@ TEST_F (RecordTest, FailuresWhileCompletingOnlyWarnAndLoseNothing) {
   for (const auto &row : rows) {
     boot.Put ("\\grp_a\\recovery.txt", "ID|s-win-a\r\nSRC|grp_a");
     const auto before = boot.Snapshot ();
-    fw.faults.Set (row.fault);
-    fw.console.clear ();
+    fw.faults.Set (row.fault), fw.console.clear ();
     EXPECT_EQ (Validate (boot, root), row.result) << row.name;
     if (!row.line.empty ()) EXPECT_TRUE (Has (Console (), row.line)) << row.name;
     EXPECT_EQ (fw.OpenHandles (), 3) << row.name;

@@ -85,11 +85,9 @@ TEST_F (ShellMoveTest, FolderIsMovedOnTheVolumeTheShellNamesAndProvedOnTheVolume
     EXPECT_TRUE (Has (LogText (), std::string ("] ") + row.line + "\r\n"));
     ExpectNoGroupDataLost (before, sibling, { kB });
     // The next row starts on the stick as it was, with the shell as OVMF has it.
-    fw.faults.Reset ();
-    fw.shell.UseEnvironment2 (false), fw.shell.UseShellProtocol (true), fw.shell.commands.clear ();
+    fw.faults.Reset (), fw.shell.UseEnvironment2 (false), fw.shell.UseShellProtocol (true), fw.shell.commands.clear ();
     if (sibling.Exists ("\\efi\\microsoft")) {
-      sibling.Remove ("\\efi\\microsoft");
-      sibling.Put ("\\efi\\efi_b\\s-win-b.txt", ""), sibling.Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of s-win-b");
+      sibling.Remove ("\\efi\\microsoft"), sibling.Put ("\\efi\\efi_b\\s-win-b.txt", ""), sibling.Put ("\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of s-win-b");
     }
   }
 }

@@ -171,9 +171,8 @@ TEST (SourceSelectionTest, EachLayoutGivesOneVolumeOrRefusesToGuess) {
     CloseLog (), bootRoot->Close (bootRoot);
     EXPECT_EQ (fw.OpenHandles (), 0) << "roots left open";
     const std::vector<std::string> lines = Lines (fake::Narrow (fw.console));
-    for (const std::string &want : row.lines) {
+    for (const std::string &want : row.lines)
       EXPECT_TRUE (std::any_of (lines.begin (), lines.end (), [&](const std::string &l) { return l.rfind (want, 0) == 0; })) << want;
-    }
   }
 }
 

@@ -56,7 +56,6 @@ inline fake::Fault &Injecting () {
   return fault;
 }
 
-inline bool Injecting (fake::Op op, fake::Effect effect) { return Injecting ().op == op && Injecting ().effect == effect; }
 
 inline bool Full () { return std::getenv ("VELMARO_SWEEP") != nullptr && std::string (std::getenv ("VELMARO_SWEEP")) == "full"; }
 

@@ -245,7 +245,7 @@ std::vector<Row> Rows () {
         // Not read back: only a write that claims success without effect may leave a wrong
         // copy behind a success (callers find it by its digest).
         return Then (CopyFileVerified (s.root, W (u"\\boot\\backup\\bcd_a"), W (u"\\boot\\bcd_a")), [&] {
-          if (!sweep::Injecting (Op::Write, Effect::NoEffect)) EXPECT_TRUE (s.Src ().Get ("\\boot\\bcd_a") == kStoreA) << "a wrong copy";
+          if (sweep::Injecting ().op != Op::Write || sweep::Injecting ().effect != Effect::NoEffect) EXPECT_TRUE (s.Src ().Get ("\\boot\\bcd_a") == kStoreA) << "a wrong copy";
         });
       }, kDevOor },
     { "FindDirEntryPath", kEvery, [](Stick &s) {
@@ -253,10 +253,7 @@ std::vector<Row> Rows () {
       }, kOor },
 
     // --- Digests -------------------------------------------------------------------------
-    { "Md5OfFile", kEvery, [](Stick &s) {
-        CHAR16 digest[VELMARO_MD5_CHARS] = {};
-        return Yields (Md5OfFile (s.root, W (u"\\sources\\install.wim"), digest), digest, kMd5WimA);
-      }, { PassedOn } },
+    { "Md5OfFile", kEvery, [](Stick &s) { return Yields (Md5OfFile (s.root, W (u"\\sources\\install.wim"), s.text), s.text, kMd5WimA); }, { PassedOn } },
     { "ReadMd5File", kEvery, [](Stick &s) {
         CHAR16 digest[VELMARO_MD5_CHARS];
         return Yields (ReadMd5File (s.root, W (u"\\boot\\backup\\bcd_a.md5"), digest), digest, kMd5StoreA);
@@ -303,14 +300,9 @@ std::vector<Row> Rows () {
     { "MarkerIdFileExists", kEvery, [](Stick &s) { return MarkerIdFileExists (s.root, W (u"\\sources"), A ("s-win-a")); }, { nf } },
 
     // --- Partition identity -------------------------------------------------------------
-    { "DetectFsType", kEvery, [](Stick &s) {
-        CHAR16 name[VELMARO_FS_CHARS] = {};
-        return Yields (DetectFsType (s.source->Handle (), name, VELMARO_FS_CHARS), name, NamesOf (s.kind).fs);
-      }, kOor },
-    { "ReadVolumeUuid", kEvery, [](Stick &s) {
-        CHAR16 uuid[UUID_TEXT_CHARS] = {};
-        return Yields (ReadVolumeUuid (s.source->Handle (), uuid, UUID_TEXT_CHARS), uuid, s.uuid);
-      }, kOor, uuidOnFat32AndExfat },
+    { "DetectFsType", kEvery, [](Stick &s) { return Yields (DetectFsType (s.source->Handle (), s.text, VELMARO_FS_CHARS), s.text, NamesOf (s.kind).fs); }, kOor },
+    { "ReadVolumeUuid", kEvery, [](Stick &s) { return Yields (ReadVolumeUuid (s.source->Handle (), s.text, UUID_TEXT_CHARS), s.text, s.uuid); }, kOor,
+      uuidOnFat32AndExfat },
 
     // --- Install metadata (boot volume) -------------------------------------------------
     // A metadata file read short is cut: a block without its end is malformed, a block
@@ -326,8 +318,7 @@ std::vector<Row> Rows () {
         return Yields (LookupBcdNameByMd5 (s.bootRoot, W (fake::U16 (kMd5StoreB).c_str ()), s.text), s.text, "bcd_b");
       }, kLookup },
     { "LookupFsTxt", kBootOnly, [](Stick &s) {
-        CHAR16 fs[VELMARO_FS_CHARS] = {};
-        return Then (LookupFsTxt (s.bootRoot, W (fake::U16 (s.uuid).c_str ()), fs), [&] { EXPECT_EQ (Str (fs), "NTFS"); });
+        return Then (LookupFsTxt (s.bootRoot, W (fake::U16 (s.uuid).c_str ()), s.text), [&] { EXPECT_EQ (Str (s.text), "NTFS"); });
       }, kAbsent },
 
     // --- BCD stores -----------------------------------------------------------------------

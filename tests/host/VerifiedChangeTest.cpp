@@ -17,10 +17,9 @@ class VerifiedChangeTest : public HostTest {
 };
 
 TEST_F (VerifiedChangeTest, RenamesAcrossFoldersAndProvesIt) {
-  EXPECT_EQ (Rename (u"\\boot\\bcd_w10", u"\\boot\\BCD"), EFI_SUCCESS);
-  EXPECT_EQ (Rename (u"\\w10", u"\\sources"), EFI_SUCCESS);
-  EXPECT_EQ (Rename (u"\\efi\\efi_w10", u"\\efi\\microsoft"), EFI_SUCCESS);
-  EXPECT_EQ (Rename (u"\\sources\\recovery.txt", u"\\boot\\moved.txt"), EFI_SUCCESS);
+  for (const auto &[from, to] : std::vector<std::pair<const char16_t *, const char16_t *>>{
+         { u"\\boot\\bcd_w10", u"\\boot\\BCD" }, { u"\\w10", u"\\sources" }, { u"\\efi\\efi_w10", u"\\efi\\microsoft" }, { u"\\sources\\recovery.txt", u"\\boot\\moved.txt" } })
+    EXPECT_EQ (Rename (from, to), EFI_SUCCESS) << Str (W (from));
   EXPECT_EQ (boot.Get ("\\boot\\BCD"), "store");
   std::vector<std::string> top = boot.List ("\\");
   std::sort (top.begin (), top.end ());
@@ -111,9 +110,7 @@ TEST_F (VerifiedChangeTest, RenameFailuresAreReportedAndNotUndone) {
   };
 
   for (const auto &row : rows) {
-    boot.Put ("\\boot\\bcd_w10", "store"), boot.Remove ("\\boot\\BCD");
-    fw.faults.Set (row.fault);
-    fw.console.clear ();
+    boot.Put ("\\boot\\bcd_w10", "store"), boot.Remove ("\\boot\\BCD"), fw.faults.Set (row.fault), fw.console.clear ();
     EXPECT_EQ (Rename (row.from, row.to), row.result) << row.name;
     EXPECT_EQ (boot.Exists ("\\boot\\BCD"), row.moved) << row.name;
     EXPECT_EQ (fw.OpenHandles (), 2) << row.name;
@@ -159,8 +156,7 @@ TEST_F (VerifiedChangeTest, MoveAsideKeepsAnOlderBakUnderTheFirstFreeNumber) {
   // A test of the older name that fails other than by absence stops before any rename.
   fw.faults.Fail (Op::Open, EFI_MEDIA_CHANGED, 1, ".bak");
   EXPECT_EQ (MoveAside (u"\\sources"), EFI_MEDIA_CHANGED);
-  fw.faults.Set ({ Op::Open, EFI_MEDIA_CHANGED, 1, ".bak1" });
-  boot.Remove ("\\sources.bak1");
+  fw.faults.Set ({ Op::Open, EFI_MEDIA_CHANGED, 1, ".bak1" }), boot.Remove ("\\sources.bak1");
   EXPECT_EQ (MoveAside (u"\\sources"), EFI_MEDIA_CHANGED);
   EXPECT_TRUE (boot.Exists ("\\sources\\newer.txt"));
 }
@@ -169,8 +165,7 @@ TEST_F (VerifiedChangeTest, CopyGoesChunkByChunk) {
   for (const auto &[size, reads] : std::vector<std::pair<size_t, unsigned>>{ { 0, 1 }, { 4096, 2 }, { 3 * 4096, 4 }, { 4097, 3 } }) {
     std::string data (size, '\0');
     for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i * 7 + size);
-    boot.Put ("\\boot\\backup\\bcd_w10", data), boot.Remove ("\\boot\\copy");
-    fw.faults.Reset ();
+    boot.Put ("\\boot\\backup\\bcd_w10", data), boot.Remove ("\\boot\\copy"), fw.faults.Reset ();
     EXPECT_EQ (Copy (), EFI_SUCCESS);
     EXPECT_TRUE (boot.Get ("\\boot\\copy") == data) << "copy of " << size << " bytes differs";
     EXPECT_EQ (fw.faults.Calls (Op::Read), reads) << size;
@@ -203,8 +198,7 @@ TEST_F (VerifiedChangeTest, CopyFailuresLeaveAPartialDestination) {
 
   boot.Put ("\\boot\\backup\\bcd_w10", std::string (3 * 4096, 'd'));
   for (const auto &row : rows) {
-    fw.faults.Set (row.fault);
-    fw.console.clear ();
+    fw.faults.Set (row.fault), fw.console.clear ();
     EXPECT_EQ (Copy (), row.result) << row.name;
     EXPECT_EQ (boot.Exists ("\\boot\\copy") ? boot.Get ("\\boot\\copy").size () : SIZE_MAX, row.left) << row.name;
     EXPECT_EQ (fw.OpenHandles (), 2) << row.name;
