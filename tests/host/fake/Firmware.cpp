@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 #include <malloc.h>
@@ -143,34 +144,22 @@ template<bool App> EFI_STATUS EFIAPI LocateProtocol (EFI_GUID *guid, VOID *regis
 
 // Install and uninstall all or nothing, as the DXE core does; an interface goes only if it
 // is the one installed.
-EFI_STATUS Change (bool install, EFI_HANDLE *handle, VA_LIST args) {
-  Firmware &fw = Firmware::Current ();
-  if (handle == nullptr || (!install && !fw.IsHandle (*handle))) return EFI_INVALID_PARAMETER;
+template<bool Add> EFI_STATUS EFIAPI Multiple (std::conditional_t<Add, EFI_HANDLE *, EFI_HANDLE> given, ...) {
+  Firmware   &fw     = Firmware::Current ();
+  EFI_HANDLE *handle = [&] { if constexpr (Add) return given; else return &given; }();
+  if (handle == nullptr || (!Add && !fw.IsHandle (*handle))) return EFI_INVALID_PARAMETER;
   std::vector<std::pair<EFI_GUID *, VOID *>> pairs;
+  VA_LIST args;
+  VA_START (args, given);
   for (EFI_GUID *guid; (guid = VA_ARG (args, EFI_GUID *)) != nullptr;) pairs.push_back ({ guid, VA_ARG (args, VOID *) });
+  VA_END (args);
   for (const auto &[guid, iface] : pairs) {
     void *there = *handle == nullptr ? nullptr : fw.Find (*handle, *guid);
-    if (install ? there != nullptr : there != iface) return install ? EFI_INVALID_PARAMETER : EFI_NOT_FOUND;
+    if (Add ? there != nullptr : there != iface) return Add ? EFI_INVALID_PARAMETER : EFI_NOT_FOUND;
   }
-  if (install && *handle == nullptr) *handle = fw.NewHandle ();
-  for (const auto &[guid, iface] : pairs) install ? fw.Install (*handle, *guid, iface) : fw.Uninstall (*handle, *guid);
+  if (Add && *handle == nullptr) *handle = fw.NewHandle ();
+  for (const auto &[guid, iface] : pairs) Add ? fw.Install (*handle, *guid, iface) : fw.Uninstall (*handle, *guid);
   return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI InstallMultiple (EFI_HANDLE *handle, ...) {
-  VA_LIST args;
-  VA_START (args, handle);
-  EFI_STATUS status = Change (true, handle, args);
-  VA_END (args);
-  return status;
-}
-
-EFI_STATUS EFIAPI UninstallMultiple (EFI_HANDLE handle, ...) {
-  VA_LIST args;
-  VA_START (args, handle);
-  EFI_STATUS status = Change (false, &handle, args);
-  VA_END (args);
-  return status;
 }
 
 EFI_TPL EFIAPI RaiseTpl (EFI_TPL tpl) {
@@ -241,8 +230,8 @@ template<bool App> void Fill (EFI_BOOT_SERVICES &bs, EFI_RUNTIME_SERVICES &rt) {
   bs.LocateHandleBuffer                  = LocateHandleBuffer<App>;
   bs.LocateProtocol                      = LocateProtocol<App>;
   bs.CloseProtocol                       = CloseProtocol;
-  bs.InstallMultipleProtocolInterfaces   = InstallMultiple;
-  bs.UninstallMultipleProtocolInterfaces = UninstallMultiple;
+  bs.InstallMultipleProtocolInterfaces   = Multiple<true>;
+  bs.UninstallMultipleProtocolInterfaces = Multiple<false>;
   bs.RaiseTPL                            = RaiseTpl;
   bs.RestoreTPL                          = RestoreTpl;
   bs.CalculateCrc32                      = Crc32;

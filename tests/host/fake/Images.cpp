@@ -107,10 +107,8 @@ EFI_STATUS Load (Firmware &fw, const std::string &form, EFI_HANDLE parent, const
   for (const std::u16string &name : names) text += name;
   const Fault     *verdict  = fw.faults.Check (Op::LoadImage, text);
   const EFI_STATUS security = verdict == nullptr ? EFI_SUCCESS : verdict->status;
-  if (EFI_ERROR (security) && security != EFI_SECURITY_VIOLATION) {
-    if (security == EFI_ACCESS_DENIED) *out = nullptr;
-    return security;
-  }
+  if (security == EFI_ACCESS_DENIED) *out = nullptr;
+  if (EFI_ERROR (security) && security != EFI_SECURITY_VIOLATION) return security;
   // Bytes with no image header, an empty file read by path among them: the core's PE/COFF
   // loader finds none (CoreLoadPeImage, PeCoffLoaderGetImageInfo) and the answer is
   // EFI_UNSUPPORTED, whatever the security verdict; OVMF answers so for each form.
@@ -254,16 +252,13 @@ unsigned Firmware::ResidentDrivers () const {
 void Firmware::Tick () {
   for (const auto &image : images) {
     for (auto mount = image->mounts.begin (); mount != image->mounts.end ();) {
-      if (mount->second > stalledUs) {
-        ++mount;
-        continue;
-      }
+      const bool due = mount->second <= stalledUs;
       for (const auto &volume : volumes) {
-        if (volume->Handle () == mount->first && Find (mount->first, gEfiSimpleFileSystemProtocolGuid) == nullptr) {
+        if (due && volume->Handle () == mount->first && Find (mount->first, gEfiSimpleFileSystemProtocolGuid) == nullptr) {
           Install (mount->first, gEfiSimpleFileSystemProtocolGuid, volume->raw), volume->writeProtected = image->driver.readOnly;
         }
       }
-      mount = image->mounts.erase (mount);
+      mount = due ? image->mounts.erase (mount) : std::next (mount);
     }
   }
 }

@@ -115,11 +115,6 @@ std::u16string Folded (std::u16string text) {
   return text;
 }
 
-std::u16string Parent (const std::u16string &path) {
-  size_t cut = path.find_last_of (u'\\');
-  return cut == 0 || cut == std::u16string::npos ? u"\\" : path.substr (0, cut);
-}
-
 // A path from the root, every name in it as the driver stored it (as typed where a folder
 // on the way cannot be opened). Any handle of the volume starts the walk.
 std::u16string StoredPath (EFI_FILE_PROTOCOL *any, const std::u16string &path) {
@@ -244,7 +239,7 @@ EFI_STATUS EFIAPI FileSetInfo (EFI_FILE_PROTOCOL *self, EFI_GUID *type, UINTN si
   ENTER (Op::SetInfo, file->path + u"->" + name, nullptr);
   if (file->volume->writeProtected) return EFI_WRITE_PROTECTED;
   if (rename && file->volume->rejectPathNames && name.find_first_of (u"\\/") != std::u16string::npos) return EFI_INVALID_PARAMETER;
-  const std::u16string target = Join (Parent (file->path), name);
+  const std::u16string target = Join (file->path + u"\\..", name);   // beside the file
   if (rename && file->volume->exactNames && target != file->path && Folded (target) == Folded (file->path)) {
     // A driver that tells names apart by case renames "bcd" to "BCD"; FAT takes that for
     // the name the file already has, so the file goes by a name of the layer's first.
