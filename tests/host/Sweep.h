@@ -34,11 +34,7 @@ constexpr EFI_STATUS PassedOn = MAX_BIT - 1;
 
 // A volume whose groups must survive every run. Paths in notGroupData (the state file, a
 // scratch file) are left out of the comparison: the operation may remove them by design.
-struct Watched {
-  const fake::Volume        *volume;
-  std::vector<GroupNames>   groups;
-  std::vector<std::string>  notGroupData = {};
-};
+struct Watched { const fake::Volume *volume; std::vector<GroupNames> groups; std::vector<std::string> notGroupData = {}; };
 
 // Every scenario answers EFI_SUCCESS without a fault.
 struct Scenario {
@@ -51,10 +47,7 @@ struct Scenario {
 
 // The fault of the run under way ({} in the clean run): for checks that hold except under
 // one particular lie of the firmware.
-inline fake::Fault &Injecting () {
-  static fake::Fault fault;
-  return fault;
-}
+inline fake::Fault injecting;
 
 
 inline bool Full () { return std::getenv ("VELMARO_SWEEP") != nullptr && std::string (std::getenv ("VELMARO_SWEEP")) == "full"; }
@@ -145,9 +138,9 @@ class Runner {
       const size_t pool    = fake::Firmware::LivePool ();
 
       fw->faults.Set (fault);
-      Injecting () = fault;
-      status       = scenario_.run ();
-      Injecting () = {};
+      injecting = fault;
+      status    = scenario_.run ();
+      injecting = {};
       if (calls != nullptr) for (const auto &table : firmware_statuses::Tables ()) (*calls)[table.op] = fw->faults.Calls (table.op);
       fw->faults.Reset ();
 

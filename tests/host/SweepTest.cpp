@@ -28,10 +28,8 @@ enum class Kind { Fat32, Ntfs, Exfat };
 
 struct KindNames { const char *row, *image, *fs; };
 
-KindNames NamesOf (Kind kind) {
-  static const KindNames names[] = { { "Fat32", "fat32", "FAT32" }, { "Ntfs", "ntfs", "NTFS" }, { "Exfat", "exfat", "exFAT" } };
-  return names[static_cast<int>(kind)];
-}
+const KindNames kNames[] = { { "Fat32", "fat32", "FAT32" }, { "Ntfs", "ntfs", "NTFS" }, { "Exfat", "exfat", "exFAT" } };
+KindNames NamesOf (Kind kind) { return kNames[static_cast<int>(kind)]; }
 
 const std::vector<Kind> kEvery = { Kind::Fat32, Kind::Ntfs, Kind::Exfat };
 // Rows that only read the boot volume's metadata: the stick whose metadata names an NTFS
@@ -63,7 +61,6 @@ struct Stick {
   CHAR8               id[VELMARO_NAME_CHARS] = {};
 
   bool External () const { return kind != Kind::Fat32; }
-  fake::Volume &Src () const { return *source; }
 };
 
 // FAT32: the real FAT driver on a medium mkfs.fat formatted; NTFS and exFAT: the stand-in
@@ -83,8 +80,13 @@ std::string Software (const std::string &id, const std::string &bcd, const std::
          "</EFI>\r\n<BCD_MD5>" + digest + "</BCD_MD5>\r\n</software>\r\n";
 }
 
-void Fill (Stick &s) {
-  fake::Volume      &boot = *s.boot, &src = s.Src ();
+void Build (fake::Firmware &fw, Stick &s) {
+  s.boot   = &AddPartition (fw, Kind::Fat32, 1);
+  s.source = s.External () ? &AddPartition (fw, s.kind, 2) : s.boot;
+  s.uuid   = Lower (fake::BlkidUuid (NamesOf (s.kind).image));
+  s.entries = EncodeEntriesFile ({ "ID:s-win-a BCD:bcd_a SRC:grp_a EFI:efi_a", "ID:s-win-b BCD:bcd_b SRC:grp_b EFI:efi_b" });
+  fw.StartFrom (*s.boot);
+  fake::Volume      &boot = *s.boot, &src = *s.source;
   const std::string fs = NamesOf (s.kind).fs, part = s.External () ? "SRC_PART|" + s.uuid + "\r\n" : "";
 
   boot.Put ("\\boot\\NUR_VEL_EFI.COM", s.entries);
@@ -104,24 +106,15 @@ void Fill (Stick &s) {
     { "\\grp_b\\s-win-b.txt", "" }, { "\\efi\\efi_b\\s-win-b.txt", "" }, { "\\efi\\efi_b\\boot\\bootmgfw.efi", "boot manager of group b" },
   };
   for (const auto &[path, text] : files) src.Put (path, text);
-}
-
-void Build (fake::Firmware &fw, Stick &s) {
-  s.boot   = &AddPartition (fw, Kind::Fat32, 1);
-  s.source = s.External () ? &AddPartition (fw, s.kind, 2) : s.boot;
-  s.uuid   = Lower (fake::BlkidUuid (NamesOf (s.kind).image));
-  s.entries = EncodeEntriesFile ({ "ID:s-win-a BCD:bcd_a SRC:grp_a EFI:efi_a", "ID:s-win-b BCD:bcd_b SRC:grp_b EFI:efi_b" });
-  fw.StartFrom (*s.boot);
-  Fill (s);
-  EXPECT_EQ (OpenRoot (s.boot->Handle (), &s.bootRoot), EFI_SUCCESS);
-  EXPECT_EQ (OpenRoot (s.source->Handle (), &s.root), EFI_SUCCESS);
+  EXPECT_EQ (OpenRoot (boot.Handle (), &s.bootRoot), EFI_SUCCESS);
+  EXPECT_EQ (OpenRoot (src.Handle (), &s.root), EFI_SUCCESS);
 
   ACTIVATION_CONTEXT &c = s.context;
   c.BootHandle = s.boot->Handle (), c.BootRoot = s.bootRoot, c.SourceHandle = s.source->Handle (), c.SourceRoot = s.root;
   c.EntriesText = reinterpret_cast<CHAR8 *>(s.entries.data ()), c.ImageHandle = fw.image;
   SetField (c.GroupId, "s-win-a");
   std::strcpy (reinterpret_cast<char *>(c.GroupIdAscii), "s-win-a");
-  c.Requested = State ("bcd_a", "grp_a", "efi_a", s.External () ? s.uuid : "", s.External () ? NamesOf (s.kind).fs : "");
+  c.Requested = State ("bcd_a", "grp_a", "efi_a", s.External () ? s.uuid : "", s.External () ? fs : "");
   c.Current   = State ("bcd_b", "grp_b", "efi_b");
   SetField (c.Current.BcdEfiMd5, Md5Hex (kEfiB));
 }
@@ -154,17 +147,19 @@ EFI_STATUS Then (EFI_STATUS st, const std::function<void ()> &check) {
   return st;
 }
 
-// Reads a file whole and hands its text to use, which may replace it; frees it after.
+// Reads a file whole, a text exactly when the read succeeded, and hands it to use, which
+// may replace it; frees it after.
 EFI_STATUS WithText (EFI_FILE_PROTOCOL *root, const CHAR16 *path, const std::function<EFI_STATUS (CHAR8 *&)> &use) {
   CHAR8      *text = nullptr;
   EFI_STATUS st    = ReadWholeFile (root, path, &text);
+  EXPECT_EQ (text != nullptr, !EFI_ERROR (st));
   if (!EFI_ERROR (st)) st = use (text);
   if (text != nullptr) FreePool (text);
   return st;
 }
 
 EFI_STATUS NormalizeActive (Stick &s) {
-  return Then (NormalizeBcdByMd5 (&s.context, s.source->Handle (), s.root, ACTIVE_BCD_PATH), [&] { EXPECT_FALSE (s.Src ().Exists ("\\boot\\BCD")); });
+  return Then (NormalizeBcdByMd5 (&s.context, s.source->Handle (), s.root, ACTIVE_BCD_PATH), [&] { EXPECT_FALSE (s.source->Exists ("\\boot\\BCD")); });
 }
 
 EFI_STATUS IdentifyGroupB (Stick &s, MarkerLookup lookup) {
@@ -175,7 +170,7 @@ EFI_STATUS IdentifyGroupB (Stick &s, MarkerLookup lookup) {
 // group b is requested. On FAT32 "\efi\microsoft" is a group's own folder: the EFI stores
 // of NTFS and exFAT are not there, and group a's own EFI name is free.
 void SwitchToB (Stick &s) {
-  fake::Volume &v = s.Src ();
+  fake::Volume &v = *s.source;
   if (!s.External ()) {
     v.Remove ("\\efi\\efi_a\\boot\\BCD"), v.Remove ("\\efi\\efi_a\\boot"), v.Remove ("\\efi\\efi_a");
     for (const char *path : { "\\efi\\microsoft\\boot\\backup\\bcd_a", "\\efi\\microsoft\\boot\\backup\\bcd_a.md5", "\\efi\\microsoft\\boot\\backup\\bcd_b",
@@ -187,6 +182,13 @@ void SwitchToB (Stick &s) {
   std::strcpy (reinterpret_cast<char *>(s.context.GroupIdAscii), "s-win-b");
 }
 
+// The driver of the second partition's file system, where the boot volume ships it (the
+// NTFS one on a FAT32 stick).
+void PutDriver (Stick &s) {
+  const bool exfat = s.kind == Kind::Exfat;
+  s.boot->Put (exfat ? "\\efi\\boot\\ExFatDxe_x64.efi" : "\\efi\\boot\\ntfs_x64.efi", fake::Firmware::Current ().DriverFile ({ exfat ? fake::Fs::Exfat : fake::Fs::Ntfs }));
+}
+
 // The whole switch as the run makes it, on the source volume.
 EFI_STATUS Switch (Stick &s) {
   ACTIVATION_CONTEXT &c  = s.context;
@@ -195,12 +197,12 @@ EFI_STATUS Switch (Stick &s) {
   if (!EFI_ERROR (st)) st = VerifySourceFsAtomic (s.source->Handle (), &c.Requested);
   if (!EFI_ERROR (st)) st = RunRenewalRenames (c.ImageHandle, s.source->Handle (), s.root, &c, &c.Requested);
   // Under a fault a step may rightly find nothing to do; the clean run does it all.
-  if (sweep::Injecting ().op != Op::None) return st;
+  if (sweep::injecting.op != Op::None) return st;
   return Then (st, [&] {
-    EXPECT_TRUE (s.Src ().Get ("\\boot\\BCD") == kStoreB) << "not group b's store";
-    EXPECT_TRUE (s.Src ().Exists ("\\sources\\s-win-b.txt") && s.Src ().Exists ("\\grp_a\\s-win-a.txt"));
-    EXPECT_TRUE (s.Src ().Get ("\\boot\\bcd_a") == kStoreA) << "not group a's store";
-    EXPECT_TRUE (s.External () ? s.Src ().Get ("\\efi\\microsoft\\boot\\BCD") == kEfiB : s.Src ().Exists ("\\efi\\microsoft\\s-win-b.txt"));
+    EXPECT_TRUE (s.source->Get ("\\boot\\BCD") == kStoreB) << "not group b's store";
+    EXPECT_TRUE (s.source->Exists ("\\sources\\s-win-b.txt") && s.source->Exists ("\\grp_a\\s-win-a.txt"));
+    EXPECT_TRUE (s.source->Get ("\\boot\\bcd_a") == kStoreA) << "not group a's store";
+    EXPECT_TRUE (s.External () ? s.source->Get ("\\efi\\microsoft\\boot\\BCD") == kEfiB : s.source->Exists ("\\efi\\microsoft\\s-win-b.txt"));
   });
 }
 
@@ -220,32 +222,27 @@ std::vector<Row> Rows () {
   return {
     // --- File access -----------------------------------------------------------------
     { "ReadWholeFile", kEvery, [](Stick &s) {
-        CHAR8            *text = nullptr;
-        const EFI_STATUS st    = ReadWholeFile (s.root, W (u"\\sources\\install.wim"), &text);
-        EXPECT_EQ (text != nullptr, !EFI_ERROR (st));
         // A read that comes up short is taken as the whole file: only its start is known.
-        if (text != nullptr) EXPECT_EQ (kWimA.rfind (Str (text), 0), 0u);
-        if (text != nullptr) FreePool (text);
-        return st;
+        return WithText (s.root, W (u"\\sources\\install.wim"), [](CHAR8 *&text) { EXPECT_EQ (kWimA.rfind (Str (text), 0), 0u); return EFI_SUCCESS; });
       }, kOor },
     { "DeleteFileVerified", kEvery, [](Stick &s) {
         return Then (DeleteFileVerified (s.source->Handle (), s.root, W (u"\\velmaro_write_test.txt")),
-                     [&] { EXPECT_FALSE (s.Src ().Exists ("\\velmaro_write_test.txt")); });
+                     [&] { EXPECT_FALSE (s.source->Exists ("\\velmaro_write_test.txt")); });
       }, { PassedOn, dev }, {}, nullptr, { "\\velmaro_write_test.txt" } },
 
     // --- Verified changes --------------------------------------------------------------
     { "RenameVerified", kEvery, [](Stick &s) {
         return Then (RenameVerified (s.source->Handle (), s.root, W (u"\\sources"), W (u"\\grp_a")),
-                     [&] { EXPECT_TRUE (s.Src ().Exists ("\\grp_a\\s-win-a.txt") && !s.Src ().Exists ("\\sources")); });
+                     [&] { EXPECT_TRUE (s.source->Exists ("\\grp_a\\s-win-a.txt") && !s.source->Exists ("\\sources")); });
       }, kDevOor },
     { "MoveAsideToBak", kEvery, [](Stick &s) {
-        return Then (MoveAsideToBak (s.source->Handle (), s.root, ACTIVE_BCD_PATH), [&] { EXPECT_EQ (s.Src ().Get ("\\boot\\BCD.bak"), kStray); });
+        return Then (MoveAsideToBak (s.source->Handle (), s.root, ACTIVE_BCD_PATH), [&] { EXPECT_EQ (s.source->Get ("\\boot\\BCD.bak"), kStray); });
       }, kRename },
     { "CopyFileVerified", kEvery, [](Stick &s) {
         // Not read back: only a write that claims success without effect may leave a wrong
         // copy behind a success (callers find it by its digest).
         return Then (CopyFileVerified (s.root, W (u"\\boot\\backup\\bcd_a"), W (u"\\boot\\bcd_a")), [&] {
-          if (sweep::Injecting ().op != Op::Write || sweep::Injecting ().effect != Effect::NoEffect) EXPECT_TRUE (s.Src ().Get ("\\boot\\bcd_a") == kStoreA) << "a wrong copy";
+          if (sweep::injecting.op != Op::Write || sweep::injecting.effect != Effect::NoEffect) EXPECT_TRUE (s.source->Get ("\\boot\\bcd_a") == kStoreA) << "a wrong copy";
         });
       }, kDevOor },
     { "FindDirEntryPath", kEvery, [](Stick &s) {
@@ -328,20 +325,20 @@ std::vector<Row> Rows () {
     { "IsRequestedGroupActive", kEvery, [](Stick &s) {
         return Then (IsRequestedGroupActive (&s.context, s.source->Handle (), s.root), [&] {
           // Without a digest (its file unreadable as absent) any store is taken on trust.
-          if (HasBcdMd5 (&s.context.Requested)) EXPECT_TRUE (s.Src ().Get ("\\boot\\BCD") == kStoreA) << "not group a's store";
-          if (s.External ()) EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\BCD"), kEfiA);
+          if (HasBcdMd5 (&s.context.Requested)) EXPECT_TRUE (s.source->Get ("\\boot\\BCD") == kStoreA) << "not group a's store";
+          if (s.External ()) EXPECT_EQ (s.source->Get ("\\efi\\microsoft\\boot\\BCD"), kEfiA);
         });
       }, kLookup, efiRenamesAndUuid, nullptr, {}, { { Op::Open, 13 }, { Op::Read, 13 }, { Op::AllocatePool, 13 } } },
     { "RepairActiveBcd", kEvery, [](Stick &s) {
         return Then (RepairActiveBcd (&s.context, s.source->Handle (), s.root),
-                     [&] { EXPECT_TRUE (s.Src ().Get ("\\boot\\BCD") == kStoreA) << "not group a's store"; });
+                     [&] { EXPECT_TRUE (s.source->Get ("\\boot\\BCD") == kStoreA) << "not group a's store"; });
       }, { PassedOn, dev, bad, oor, taken }, {}, [](Stick &s) { SetField (s.context.Requested.BcdMd5, kMd5StoreA); }, {},
       { { Op::Open, 13 }, { Op::Read, 6 } } },
     // A store that no source names goes to its ".bak" name, past every source.
     { "NormalizeBcdByMd5_Unknown", kEvery, NormalizeActive, kRename, {}, nullptr, {}, { { Op::Open, 13 } } },
     // Group b's store under the active name goes back to its own name.
     { "NormalizeBcdByMd5_Owned", kEvery, NormalizeActive, kDevOor, {},
-      [](Stick &s) { s.Src ().Put ("\\boot\\BCD", kStoreB), s.Src ().Remove ("\\boot\\bcd_b"); } },
+      [](Stick &s) { s.source->Put ("\\boot\\BCD", kStoreB), s.source->Remove ("\\boot\\bcd_b"); } },
     { "ReadActiveRecordState", kEvery, [](Stick &s) {
         return Then (ReadActiveRecordState (&s.context, s.source->Handle (), s.root, ACTIVE_RECORD_PATH, s.context.EntriesText, &s.state), [&] {
           // A volume whose type cannot be read is taken for FAT32.
@@ -353,11 +350,11 @@ std::vector<Row> Rows () {
     // one is copied from the backup, past a damaged copy in its own EFI folder.
     { "PrepareEfiBcd", kEvery, [](Stick &s) {
         return Then (PrepareEfiBcd (&s.context, s.source->Handle (), s.root, &s.context.Requested, ACTIVE_EFI_BCD_PATH),
-                     [&] { EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\BCD"), kEfiA); });
+                     [&] { EXPECT_EQ (s.source->Get ("\\efi\\microsoft\\boot\\BCD"), kEfiA); });
       }, { PassedOn, nf, dev, bad, oor }, {}, nullptr, {}, { { Op::Open, 13 }, { Op::Read, 13 } } },
     { "NormalizeEfiBcdByMd5", kEvery, [](Stick &s) {
         return Then (NormalizeEfiBcdByMd5 (&s.context, s.source->Handle (), s.root, ACTIVE_EFI_BCD_PATH),
-                     [&] { EXPECT_EQ (s.Src ().Get ("\\efi\\microsoft\\boot\\bcd_b"), kEfiB); });
+                     [&] { EXPECT_EQ (s.source->Get ("\\efi\\microsoft\\boot\\bcd_b"), kEfiB); });
       }, kDevOor },
     // --- Phases ---------------------------------------------------------------------------
     { "Switch", kEvery, Switch, { PassedOn, nf, dev, bad, oor, taken }, uuidOnFat32AndExfat, SwitchToB, stateFile },
@@ -365,7 +362,7 @@ std::vector<Row> Rows () {
     // source root the renewal is given predates the recovery's renames.
     { "SwitchStaleView", { Kind::Ntfs, Kind::Exfat }, Switch, { PassedOn, nf, dev, bad, oor, taken }, uuidOnExfat, [](Stick &s) {
         SwitchToB (s);
-        s.Src ().staleView = true;
+        s.source->staleView = true;
         s.root->Close (s.root);
         EXPECT_EQ (OpenRoot (s.source->Handle (), &s.root), EFI_SUCCESS);
         s.context.SourceRoot = s.root;
@@ -380,16 +377,9 @@ std::vector<Row> Rows () {
         const EFI_STATUS st     = RunActivation (fake::Firmware::Current ().image, &boot, W (u"s-win-b"), &source, &owned);
         EXPECT_EQ (source.Handle, EFI_ERROR (st) ? nullptr : s.source->Handle ());
         if (owned) source.Root->Close (source.Root);
-        EXPECT_EQ (fake::Firmware::Current ().ImagesLoadedNotStarted (), sweep::Injecting ().op == Op::StartImage ? 1u : 0u);
+        EXPECT_EQ (fake::Firmware::Current ().ImagesLoadedNotStarted (), sweep::injecting.op == Op::StartImage ? 1u : 0u);
         return st;
-      }, { PassedOn, nf, dev, bad, oor, taken }, uuidOnFat32AndExfat, [](Stick &s) {
-        SwitchToB (s);
-        const bool exfat = s.kind == Kind::Exfat;
-        if (s.External ()) {
-          s.boot->Put (exfat ? "\\efi\\boot\\ExFatDxe_x64.efi" : "\\efi\\boot\\ntfs_x64.efi",
-                       fake::Firmware::Current ().DriverFile ({ exfat ? fake::Fs::Exfat : fake::Fs::Ntfs }));
-        }
-      }, stateFile },
+      }, { PassedOn, nf, dev, bad, oor, taken }, uuidOnFat32AndExfat, [](Stick &s) { SwitchToB (s); if (s.External ()) PutDriver (s); }, stateFile },
     // --- Source selection ------------------------------------------------------------------
     // Metadata put group a on the second partition: on NTFS and exFAT the driver is loaded
     // and the partition found by its UUID; on FAT32 the boot volume stays. Whatever fails,
@@ -401,14 +391,10 @@ std::vector<Row> Rows () {
         if (c.SourceRootOwned) c.SourceRoot->Close (c.SourceRoot);
         // A refused load leaves nothing; an image whose start the firmware refused before
         // running it stays loaded, as the loading leaves it.
-        EXPECT_EQ (fake::Firmware::Current ().ImagesLoadedNotStarted (), sweep::Injecting ().op == Op::StartImage ? 1u : 0u);
+        EXPECT_EQ (fake::Firmware::Current ().ImagesLoadedNotStarted (), sweep::injecting.op == Op::StartImage ? 1u : 0u);
         EXPECT_EQ (c.SourceHandle, EFI_ERROR (st) ? nullptr : s.source->Handle ());
         return st;
-      }, { PassedOn, nf }, {}, [](Stick &s) {
-        const bool exfat = s.kind == Kind::Exfat;
-        s.boot->Put (exfat ? "\\efi\\boot\\ExFatDxe_x64.efi" : "\\efi\\boot\\ntfs_x64.efi",
-                     fake::Firmware::Current ().DriverFile ({ exfat ? fake::Fs::Exfat : fake::Fs::Ntfs }));
-      } },
+      }, { PassedOn, nf }, {}, PutDriver },
     { "VerifyEfiBcd", kEvery, [](Stick &s) {
         GROUP_STATE state = State ("bcd_a", "grp_a", "efi_a");
         return VerifyEfiBcd (s.root, W (u"\\efi\\microsoft\\boot\\backup\\bcd_a"), &state);
@@ -418,8 +404,8 @@ std::vector<Row> Rows () {
     // one: by design, so neither counts as group data here.
     { "NtfsWriteTest", kEvery, [](Stick &s) {
         return Then (NtfsWriteTest (s.source->Handle ()), [&] {
-          EXPECT_TRUE (s.Src ().Get ("\\sources_backup\\install.wim") == kWimA && !s.Src ().Exists ("\\sources"));
-          EXPECT_EQ (s.Src ().Get ("\\velmaro_write_test.txt"), "Velmaro UEFI write test OK");
+          EXPECT_TRUE (s.source->Get ("\\sources_backup\\install.wim") == kWimA && !s.source->Exists ("\\sources"));
+          EXPECT_EQ (s.source->Get ("\\velmaro_write_test.txt"), "Velmaro UEFI write test OK");
         });
       }, { PassedOn, nf, dev, bad, oor }, {}, nullptr,
       { "\\velmaro_write_test.txt", "\\sources", "\\sources\\s-win-a.txt", "\\sources\\recovery.txt", "\\sources\\install.wim" } },
