@@ -30,12 +30,8 @@ VolumeSnapshot Content (const fake::Volume &v) {
 // The paths whose bytes differ, or that only one side has: what a failure names.
 std::vector<std::string> Changed (const VolumeSnapshot &before, const VolumeSnapshot &after) {
   std::vector<std::string> changed;
-  for (const auto &[path, bytes] : before) {
-    if (after.count (path) == 0 || after.at (path) != bytes) changed.push_back (path);
-  }
-  for (const auto &[path, bytes] : after) {
-    if (before.count (path) == 0) changed.push_back (path + " (new)");
-  }
+  for (const auto &[path, bytes] : before) if (after.count (path) == 0 || after.at (path) != bytes) changed.push_back (path);
+  for (const auto &[path, bytes] : after) if (before.count (path) == 0) changed.push_back (path + " (new)");
   return changed;
 }
 
@@ -64,13 +60,6 @@ class RunTest : public HostTest {
     v.Put (src + "\\recovery.txt", Record (g) + "SRC_PART|" + partUuid + "\r\nSRC_FS|FAT32\r\n");
   }
 
-  // The switch alone, from the boot volume as the entry point opens it.
-  EFI_STATUS Activate (const char16_t *id, VOLUME_REF *source = nullptr, BOOLEAN *owned = nullptr) {
-    if (root == nullptr) OpenBoot (LogFile == nullptr);
-    VOLUME_REF bootFs = { boot.Handle (), root, 1, {} };
-    return RunActivation (fw.image, &bootFs, W (id), source, owned);
-  }
-
   // A copy of the stick as another USB stick, the one Velmaro is started from: table rows
   // then never see each other's changes.
   fake::Volume &StartFromCopy (const fake::Disk &image) {
@@ -97,13 +86,11 @@ class RunTest : public HostTest {
     for (int i = 0; i < static_cast<int>(kGroups.size ()); ++i) {
       const GroupNames &g      = kGroups[i];
       const int        pieces = v.Exists ("\\sources\\" + g.id + ".txt") + v.Exists ("\\efi\\microsoft\\" + g.id + ".txt") +
-                                (ActiveStore (v) == StoreOf (g));
+                                (v.Exists ("\\boot\\BCD") && v.Get ("\\boot\\BCD") == StoreOf (g));
       if (pieces > 0) return pieces == 3 ? i : 100 + i;
     }
     return -1;
   }
-
-  static std::string ActiveStore (const fake::Volume &v) { return v.Exists ("\\boot\\BCD") ? v.Get ("\\boot\\BCD") : "-"; }
 
   static std::string StateFile (const fake::Volume &v) { return v.Exists ("\\boot\\VELMARO.COM") ? v.Get ("\\boot\\VELMARO.COM") : "-"; }
 
@@ -308,17 +295,20 @@ TEST_F (RunTest, GroupOnASiblingPartitionIsActivatedAndStartedThere) {
   // On a FAT32 partition other than the boot volume the EFI folder moves with the shell's mv.
   fw.shell.UseShellProtocol (true);
 
-  // A switch that fails there hands nothing out and leaves no root of the sibling open.
-  VOLUME_REF source;
-  BOOLEAN    owned = TRUE;
+  // The switch alone, from the boot volume as the entry point opens it. One that fails
+  // there hands nothing out and leaves no root of the sibling open.
+  OpenBoot (true);
+  const VOLUME_REF bootFs = { boot.Handle (), root, 1, {} };
+  VOLUME_REF       source;
+  BOOLEAN          owned = TRUE;
   fw.faults.Set ({ Op::SetInfo, EFI_ACCESS_DENIED, 0, "grp_b" });
-  EXPECT_EQ (Activate (u"s-win-b", &source, &owned), EFI_ACCESS_DENIED);
+  EXPECT_EQ (RunActivation (fw.image, &bootFs, W (u"s-win-b"), &source, &owned), EFI_ACCESS_DENIED);
   fw.faults.Reset ();
   EXPECT_EQ (source.Root, nullptr);
   EXPECT_FALSE (owned);
   EXPECT_EQ (fw.OpenHandles (), 2) << "only the boot volume's root and the log";
 
-  ASSERT_EQ (Activate (u"s-win-b", &source, &owned), EFI_SUCCESS) << LogText ();
+  ASSERT_EQ (RunActivation (fw.image, &bootFs, W (u"s-win-b"), &source, &owned), EFI_SUCCESS) << LogText ();
   EXPECT_EQ (source.Handle, sibling.Handle ());
   EXPECT_EQ (source.PartitionNumber, 0u);
   EXPECT_EQ (Str (source.Label), "SOURCE FS");
@@ -344,15 +334,7 @@ TEST_F (RunTest, GroupOnASiblingPartitionIsActivatedAndStartedThere) {
 TEST_F (RunTest, InstallerLaunchFallsBackToTheParentImageOnlyForARefusedParent) {
   const EFI_HANDLE shell = fw.NewHandle ();
   fw.Install (shell, gEfiLoadedImageProtocolGuid, &fw.loadedImage);
-  const struct {
-    const char  *name;
-    EFI_HANDLE  parent;
-    fake::Fault fault;
-    EFI_STATUS  status;
-    size_t      loads;
-    const char  *line;
-    fake::Fault extra;
-  } rows[] = {
+  const struct { const char *name; EFI_HANDLE parent; fake::Fault fault; EFI_STATUS status; size_t loads; const char *line; fake::Fault extra; } rows[] = {
     { "refused parent, shell as parent", shell, { Op::LoadImage, EFI_INVALID_PARAMETER, 1 }, EFI_ABORTED, 2,
       "LoadImage(\\sources\\bootx64.efi, parent=LoadedImage->ParentHandle): Success (0x0), Image=" },
     { "refused parent, no parent image", nullptr, { Op::LoadImage, EFI_INVALID_PARAMETER, 1 }, EFI_INVALID_PARAMETER, 1,

@@ -20,22 +20,20 @@ struct Layout {
 
 TEST (ControllerConnectionTest, SiblingFileSystemIsFoundOnlyWhenItIsTheOneSibling) {
   const std::vector<uint8_t> kPort1 = fake::UsbDiskPath (1);
+  // An MBR partition of the stick in that port.
+  const auto mbr = [](uint32_t number, uint8_t port = 1) { return fake::WithMbrPartition (fake::UsbDiskPath (port), number, 0x5EED); };
   const Layout rows[] = {
-    { "sibling mounted before", fake::WithMbrPartition (kPort1, 1, 0x5EED), { fake::WithMbrPartition (kPort1, 2, 0x5EED) }, false, EFI_SUCCESS, 0,
+    { "sibling mounted before", mbr (1), { mbr (2) }, false, EFI_SUCCESS, 0,
       { "map -r: SOURCE FS visibile dopo refresh, tentativo=0", "Fallback SimpleFS sibling selezionato: handle=" } },
-    { "sibling mounted when connected", fake::WithMbrPartition (kPort1, 1, 0x5EED), { fake::WithMbrPartition (kPort1, 2, 0x5EED) }, true, EFI_SUCCESS, 0,
+    { "sibling mounted when connected", mbr (1), { mbr (2) }, true, EFI_SUCCESS, 0,
       { "Prima Shell ConnectAllEfi: SimpleFS=1 status=Success (0x0)", "map -r: SOURCE FS visibile dopo refresh, tentativo=0" } },
-    { "two siblings", fake::WithMbrPartition (kPort1, 1, 0x5EED), { fake::WithMbrPartition (kPort1, 2, 0x5EED), fake::WithMbrPartition (kPort1, 3, 0x5EED) },
-      false, EFI_ALREADY_STARTED, 0,
+    { "two siblings", mbr (1), { mbr (2), mbr (3) }, false, EFI_ALREADY_STARTED, 0,
       { "ERRORE: fallback SimpleFS ambiguo: 2 partizioni sorelle visibili",
         "map -r: ricerca SOURCE FS terminata con errore: Already started (0x8000000000000014), ultimo visibili=Already started (0x8000000000000014)" } },
-    { "GPT: every partition its own signature", fake::WithGptPartition (kPort1, 1, kGuidA), { fake::WithGptPartition (kPort1, 2, kGuidB) }, false,
-      EFI_NOT_FOUND, 1200,
+    { "GPT: every partition its own signature", fake::WithGptPartition (kPort1, 1, kGuidA), { fake::WithGptPartition (kPort1, 2, kGuidB) }, false, EFI_NOT_FOUND, 1200,
       { "map -r: SOURCE FS non ancora visibile; attendo controller/driver lenti", "map -r: nessun nuovo SimpleFS target; ultimo fallback su SimpleFS visibili" } },
-    { "same layout on another disk", fake::WithMbrPartition (kPort1, 1, 0x5EED), { fake::WithMbrPartition (fake::UsbDiskPath (2), 2, 0x5EED) }, false,
-      EFI_NOT_FOUND, 1200, {} },
-    { "boot volume without a partition node", kPort1, { fake::WithMbrPartition (kPort1, 2, 0x5EED) }, false, EFI_NOT_FOUND, 1200,
-      { "ERRORE: impossibile leggere nodo HD() dal DeviceHandle FAT32 app" } },
+    { "same layout on another disk", mbr (1), { mbr (2, 2) }, false, EFI_NOT_FOUND, 1200, {} },
+    { "boot volume without a partition node", kPort1, { mbr (2) }, false, EFI_NOT_FOUND, 1200, { "ERRORE: impossibile leggere nodo HD() dal DeviceHandle FAT32 app" } },
   };
   for (const Layout &row : rows) {
     SCOPED_TRACE (row.name);

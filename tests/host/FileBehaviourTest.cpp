@@ -23,12 +23,7 @@
 
 namespace {
 
-struct TableRun {
-  std::string text;
-  UINTN       rows;
-  int         handlesLeft;
-  size_t      entriesLeft;
-};
+struct TableRun { std::string text; UINTN rows; int handlesLeft; size_t entriesLeft; };
 
 TableRun RunOnFreshVolume () {
   fake::Firmware     fw;

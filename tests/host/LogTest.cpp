@@ -57,8 +57,7 @@ TEST_F (LogTest, EveryLineIsOnTheMediumBeforeTheNextStep) {
   LogPrint (W (u"first step\n"));
   LogPrint (W (u"second step\n"));
   fake::Volume &afterPowerCut = fw.AddVolume (boot.DiskImage ());
-  const std::string log = LogText (afterPowerCut);
-  EXPECT_TRUE (Has (log, "] first step\r\n[+00000000 ms] second step\r\n"));
+  EXPECT_TRUE (Has (LogText (afterPowerCut), "] first step\r\n[+00000000 ms] second step\r\n"));
 }
 
 TEST_F (LogTest, LongMessagesAreCutAndConsoleShowsFirst320Characters) {
