@@ -63,12 +63,17 @@ TEST_F (EntryPointTest, FailuresEndWithErrorLineKeyWaitAndStatus) {
 }
 
 TEST_F (EntryPointTest, MissingLoadedImageIsReportedOnce) {
-  // InitLog's two protocol look-ups succeed; the entry point's own one fails.
-  fw.faults.Fail (Op::HandleProtocol, EFI_UNSUPPORTED, 3);
-  EXPECT_EQ (Run (u"s-win-abc"), EFI_UNSUPPORTED);
-  EXPECT_EQ (Tail (5), (std::vector<std::string>{ "Target: X64", "ERRORE: LoadedImage non disponibile: Unsupported (0x8000000000000003)", "",
-                                                  "Premere un tasto per continuare...", "=== Velmaro log end ===" }));
-  EXPECT_EQ (fw.keyWaits, 1u);
+  // InitLog's two protocol look-ups succeed; the entry point's own one fails, or succeeds
+  // without handing over an interface.
+  const std::pair<EFI_STATUS, EFI_STATUS> rows[] = { { EFI_UNSUPPORTED, EFI_UNSUPPORTED }, { EFI_SUCCESS, EFI_NOT_FOUND } };
+  for (const auto &[answer, status] : rows) {
+    fw.faults.Set ({ Op::HandleProtocol, answer, 3 }), fw.keyWaits = 0;
+    EXPECT_EQ (Run (u"s-win-abc"), status);
+    const std::string error = status == EFI_NOT_FOUND ? "Not Found (0x800000000000000E)" : "Unsupported (0x8000000000000003)";
+    EXPECT_EQ (Tail (5), (std::vector<std::string>{ "Target: X64", "ERRORE: LoadedImage non disponibile: " + error, "",
+                                                    "Premere un tasto per continuare...", "=== Velmaro log end ===" }));
+    EXPECT_EQ (fw.keyWaits, 1u);
+  }
 }
 
 TEST_F (EntryPointTest, RunWithoutLogFileStillEndsProperly) {

@@ -68,6 +68,9 @@ TEST_F (FileAccessTest, FileExistsSeesFoldersAndPassesOpenStatus) {
   EXPECT_EQ (FileExists (root, W (u"sources"), &exists), EFI_SUCCESS);
   EXPECT_TRUE (exists);
   EXPECT_EQ (FileExists (root, W (u"\\SOURCES"), &exists), EFI_SUCCESS);
+  boot.writeProtected = true;   // a dirty stick mounted read-only still shows what it holds
+  EXPECT_EQ (FileExists (root, W (u"sources"), &exists), EFI_SUCCESS);
+  boot.writeProtected = false;
   EXPECT_EQ (FileExists (root, W (u"\\boot\\BCD"), &exists), EFI_NOT_FOUND);
   EXPECT_FALSE (exists);
   fw.faults.Fail (Op::Open, EFI_DEVICE_ERROR, 1);

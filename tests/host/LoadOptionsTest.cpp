@@ -12,7 +12,7 @@ TEST_F (LoadOptionsTest, GroupIdIsTheFirstGroupToken) {
   const std::tuple<std::u16string, EFI_STATUS, std::string> rows[] = {
     { u"s-win-abc", EFI_SUCCESS, "s-win-abc" }, { u"Velmaro.efi s-win-abc%%", EFI_SUCCESS, "s-win-abc" },
     { u"\"s-win-abc\"", EFI_SUCCESS, "s-win-abc" }, { u"x\ts-win-a s-win-b", EFI_SUCCESS, "s-win-a" }, { u"s-win-", EFI_SUCCESS, "s-win-" },
-    { u"S-WIN-abc xs-win-abc s-wi", EFI_NOT_FOUND, "" }, { u"", EFI_NOT_FOUND, "" },
+    { u"S-WIN-abc xs-win-abc s-winabc s-wi", EFI_NOT_FOUND, "" }, { u"", EFI_NOT_FOUND, "" },
     { u"s-win-" + std::u16string (121, u'x'), EFI_SUCCESS, "s-win-" + std::string (121, 'x') },
     { u"s-win-" + std::u16string (122, u'x'), EFI_BUFFER_TOO_SMALL, "" },
   };

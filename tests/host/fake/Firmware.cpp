@@ -179,9 +179,10 @@ EFI_STATUS EFIAPI Crc32 (VOID *data, UINTN size, UINT32 *crc) {
 }
 
 EFI_STATUS EFIAPI WaitForEvent (UINTN count, EFI_EVENT *, UINTN *index) {
+  // The core refuses an empty event list before it waits: such a call is no key wait.
+  if (count != 1 || index == nullptr) return EFI_INVALID_PARAMETER;
   Firmware::Current ().keyWaits++;
   if (const Fault *f = Faulted<true>(Op::WaitForEvent)) return f->status;
-  if (count != 1 || index == nullptr) return EFI_INVALID_PARAMETER;
   *index = 0;
   return EFI_SUCCESS;
 }
