@@ -17,7 +17,7 @@ build: setup
 host-test: setup
 	@cmake -S tests/host -B $(HOST_BUILD) -DCMAKE_BUILD_TYPE=Debug -DVELMARO_SANITIZE=ON >/dev/null
 	@cmake --build $(HOST_BUILD) -j$$(nproc) -- -s
-	@cd $(HOST_BUILD) && ctest --output-on-failure --timeout 60
+	@cd $(HOST_BUILD) && ctest -j$$(nproc) --output-on-failure --timeout 120
 
 # shell_move.py moves an EFI folder on a stick's second partition with OVMF's own shell,
 # through the test-only build/ShellMoveProbe.efi, and reads the stick back.
