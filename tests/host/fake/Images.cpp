@@ -252,13 +252,16 @@ unsigned Firmware::ResidentDrivers () const {
 void Firmware::Tick () {
   for (const auto &image : images) {
     for (auto mount = image->mounts.begin (); mount != image->mounts.end ();) {
-      const bool due = mount->second <= stalledUs;
+      if (mount->second > stalledUs) {
+        ++mount;   // not due yet
+        continue;
+      }
       for (const auto &volume : volumes) {
-        if (due && volume->Handle () == mount->first && Find (mount->first, gEfiSimpleFileSystemProtocolGuid) == nullptr) {
+        if (volume->Handle () == mount->first && Find (mount->first, gEfiSimpleFileSystemProtocolGuid) == nullptr) {
           Install (mount->first, gEfiSimpleFileSystemProtocolGuid, volume->raw), volume->writeProtected = image->driver.readOnly;
         }
       }
-      mount = due ? image->mounts.erase (mount) : std::next (mount);
+      mount = image->mounts.erase (mount);
     }
   }
 }
